@@ -1,0 +1,43 @@
+// The verifier's knowledge of locks: which ones each thread holds, and in which order locks were
+// taken.
+//
+// Everything here is called only while the verifier is on. Locks are told apart by address; what is
+// known of an address is forgotten when a mutex is initialised there or the memory is freed.
+#pragma once
+
+#include <wdm.h>
+
+#include <cstddef>
+
+namespace platform {
+
+enum class LockKind : unsigned char { kSpinLock, kGuardedMutex };
+
+/// Before waiting for the lock: a violation if this thread holds it already, or if it was once held
+/// while a lock that this thread holds now was acquired.
+void CheckBeforeAcquire(const char* routine, const void* lock, LockKind kind);
+void NoteAcquired(const void* lock, LockKind kind);
+/// A violation if this thread does not hold the lock.
+void NoteReleased(const char* routine, const void* lock, LockKind kind);
+
+void EnterRegion();
+void LeaveRegion();
+
+/// Locks that this thread holds and critical regions that it is in.
+unsigned LocksHeld();
+/// The innermost lock of those, for messages; null when there is none.
+const void* InnermostLock();
+
+/// What CatchBugcheck puts back.
+struct HeldLocksMark {
+    unsigned locks;
+    unsigned regions;
+};
+HeldLocksMark MarkHeldLocks();
+void ReturnToMark(HeldLocksMark mark);
+
+/// Forgets the order of all locks that lie in this memory.
+void ForgetLocks(const void* memory, std::size_t size);
+void ForgetAllLocks();
+
+}  // namespace platform

@@ -1,0 +1,112 @@
+// Event records as they lie in event buffers and dump files.
+//
+// Little-endian. Offsets are distances in bytes from the record's own first byte, never addresses.
+// Records, and key paths beside them, start on multiples of 8 from the buffer's start.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+namespace zpregflt {
+
+enum class RecordType : std::uint32_t {
+    kBufferHeader = 0,  ///< never a record: opens every buffer
+    kValueSet = 1,
+    kValueDeleted = 2,
+    kKeyInformationSet = 3,
+    kKeyRenamed = 4,
+    kSubkeyEnumerated = 5,
+    kValueEnumerated = 6,
+    kKeyQueried = 7,
+    kValueQueried = 8,
+    kValuesQueried = 9,
+    kHiveLoaded = 10,
+    kKeySaved = 11,
+    kKeySecuritySet = 12,
+    kKeySecurityQueried = 13,
+    kKeyRestored = 14,
+    kKeyReplaced = 15,
+    kKeyFlushed = 16,
+    kHiveUnloaded = 17,
+    kKeyHandleClosed = 18,
+    kKeyDeleted = 19,
+    kKeyNameQueried = 20,
+    kKeyCreated = 21,
+};
+inline constexpr std::uint32_t kLastRecordType = 21;
+
+/// Set of registry operations. The pre- and post-notification of one operation share a bit.
+using OperationMask = std::uint32_t;
+
+namespace operation {
+inline constexpr OperationMask kDeleteKey = 0x1;
+inline constexpr OperationMask kSetValueKey = 0x2;
+inline constexpr OperationMask kDeleteValueKey = 0x4;
+inline constexpr OperationMask kSetInformationKey = 0x8;
+inline constexpr OperationMask kRenameKey = 0x10;
+inline constexpr OperationMask kEnumerateKey = 0x20;
+inline constexpr OperationMask kEnumerateValueKey = 0x40;
+inline constexpr OperationMask kQueryKey = 0x80;
+inline constexpr OperationMask kQueryValueKey = 0x100;
+inline constexpr OperationMask kQueryMultipleValueKey = 0x200;
+inline constexpr OperationMask kCreateKeyEx = 0x400;
+inline constexpr OperationMask kOpenKeyEx = 0x800;
+inline constexpr OperationMask kFlushKey = 0x1000;
+inline constexpr OperationMask kLoadKey = 0x2000;
+inline constexpr OperationMask kUnLoadKey = 0x4000;
+inline constexpr OperationMask kQueryKeySecurity = 0x8000;
+inline constexpr OperationMask kSetKeySecurity = 0x10000;
+inline constexpr OperationMask kRestoreKey = 0x20000;
+inline constexpr OperationMask kSaveKey = 0x40000;
+inline constexpr OperationMask kReplaceKey = 0x80000;
+inline constexpr OperationMask kKeyHandleClose = 0x100000;
+inline constexpr OperationMask kQueryKeyName = 0x200000;
+}  // namespace operation
+
+/// Number of operation bits, and their names by bit number.
+inline constexpr std::size_t kOperationCount = 22;
+inline constexpr const char* kOperationNames[kOperationCount] = {
+    "DeleteKey",         "SetValueKey",
+    "DeleteValueKey",    "SetInformationKey",
+    "RenameKey",         "EnumerateKey",
+    "EnumerateValueKey", "QueryKey",
+    "QueryValueKey",     "QueryMultipleValueKey",
+    "CreateKeyEx",       "OpenKeyEx",
+    "FlushKey",          "LoadKey",
+    "UnLoadKey",         "QueryKeySecurity",
+    "SetKeySecurity",    "RestoreKey",
+    "SaveKey",           "ReplaceKey",
+    "KeyHandleClose",    "QueryKeyName",
+};
+
+/// Opens every record; the fields of the record's type follow at offset 40.
+///
+///      0       4       8       12      16              24              32      36      40
+///     | Type  | Next  | Pid   |   -   | ProcessKey    | SystemTime    | KeyOps| Name  |
+struct RecordHeader {
+    RecordType Type;
+    /// Distance to the record committed after this one in the same buffer; 0 for the last. Negative
+    /// where commit order is not address order.
+    std::int32_t NextOffset;
+    /// Low 32 bits of the id of the process that opened or created the key object.
+    std::uint32_t ProcessId;
+    std::uint32_t Reserved;  ///< not written
+    std::uint64_t ProcessKey;
+    /// 100-nanosecond intervals since 1 January 1601 (UTC).
+    std::uint64_t SystemTime;
+    /// Every operation that has passed through the key object, this one included.
+    OperationMask KeyOperations;
+    /// Distance to the key's path in the same buffer, UTF-16 ending in a 16-bit zero; 0: no name.
+    std::int32_t NameOffset;
+};
+static_assert(sizeof(RecordHeader) == 40);
+static_assert(offsetof(RecordHeader, Type) == 0);
+static_assert(offsetof(RecordHeader, NextOffset) == 4);
+static_assert(offsetof(RecordHeader, ProcessId) == 8);
+static_assert(offsetof(RecordHeader, Reserved) == 12);
+static_assert(offsetof(RecordHeader, ProcessKey) == 16);
+static_assert(offsetof(RecordHeader, SystemTime) == 24);
+static_assert(offsetof(RecordHeader, KeyOperations) == 32);
+static_assert(offsetof(RecordHeader, NameOffset) == 36);
+
+}  // namespace zpregflt
