@@ -88,8 +88,8 @@ struct ExemptionEntry {
     /// numbers: exempts that process and never one that is given its id later.
     const UCHAR* Identifier;
     /// The file name or path end, as WideName1, of the image of the process that created it. A
-    /// process whose creator had ended before the library saw it matches no entry that carries
-    /// this.
+    /// process that is older than the library matches no entry that carries this, nor does one
+    /// whose creator had ended before the library saw it.
     const UNICODE_STRING* WideName2;
 };
 static_assert(sizeof(ExemptionEntry) == 32);
@@ -99,51 +99,67 @@ extern "C" {
 // --- Process tracking ----------------------------------------------------------------------------
 
 /// Creates a registration under a GUID of the client's; STATUS_OBJECT_NAME_COLLISION when the GUID
-/// is registered already.
+/// is registered already, STATUS_INVALID_PARAMETER when the options are not ZPK_TRACK_UNTIL_EXIT.
 NTSTATUS NTAPI ZPkPsRegister(const GUID* client, const ProcessTrackingConfig* config,
                              ZPK_PROCESS_TRACKING** tracking);
 /// Ends the registration and passes every block that the library still holds to ContextCleanup.
 NTSTATUS NTAPI ZPkPsUnregister(ZPK_PROCESS_TRACKING* tracking);
 /// Returns the record with a reference (ZPkPsRelease) and, when `context` is not null, this
 /// registration's block of the process with a reference (ZPkPsReleaseContext), or null. On failure
-/// both are null; STATUS_INVALID_CID: no such process.
+/// both are null; STATUS_INVALID_CID: no such process, or its end has been notified.
 NTSTATUS NTAPI ZPkPsGet(ZPK_PROCESS_TRACKING* tracking, HANDLE processId, ProcessRecord** record,
                         PVOID* context);
 void NTAPI ZPkPsRelease(ProcessRecord* record);
 /// A block with undefined contents and one reference, or null.
 PVOID NTAPI ZPkPsAllocateContext(ZPK_PROCESS_TRACKING* tracking);
-/// Makes the block the process's context; the library takes a reference of its own.
-/// ZPK_STATUS_CONTEXT_EXISTS: there was one, returned with a reference in `existing`.
+/// Makes the block, attached nowhere yet, the process's context; the library takes a reference of
+/// its own and drops it when the process ends. ZPK_STATUS_CONTEXT_EXISTS: there was one, returned
+/// with a reference in `existing`. STATUS_INVALID_CID as ZPkPsGet; nothing changes then.
 NTSTATUS NTAPI ZPkPsSetContext(HANDLE processId, ULONG options, PVOID context, PVOID* existing);
+/// The last reference passes the block to ContextCleanup, on this thread, and frees it.
 void NTAPI ZPkPsReleaseContext(PVOID context);
 
 // --- Exemptions ----------------------------------------------------------------------------------
 
+/// An empty list; STATUS_OBJECT_NAME_COLLISION when there is one of this GUID.
 NTSTATUS NTAPI ZPkPeExemptRegister(const GUID* list, ZPK_EXEMPTIONS** exemptions);
 NTSTATUS NTAPI ZPkPeExemptUnregister(ZPK_EXEMPTIONS* exemptions);
-/// Copies the entry. STATUS_OBJECT_NAME_COLLISION when an equal entry is in the list.
+/// Copies the entry. STATUS_OBJECT_NAME_COLLISION when an equal entry is in the list,
+/// STATUS_INVALID_PARAMETER when it carries neither of the first two members.
 NTSTATUS NTAPI ZPkPeExemptAdd1(ZPK_EXEMPTIONS* exemptions, const ExemptionEntry* entry);
 /// Removes the entry with the same members (names compared without regard to case);
 /// STATUS_NOT_FOUND when there is none.
 NTSTATUS NTAPI ZPkPeExemptRemove1(ZPK_EXEMPTIONS* exemptions, const ExemptionEntry* entry);
 NTSTATUS NTAPI ZPkPeExemptRemoveAll(ZPK_EXEMPTIONS* exemptions);
+/// TRUE when the process matches an entry; fails as ZPkPsGet, with FALSE.
 NTSTATUS NTAPI ZPkPeExemptCheck(ZPK_EXEMPTIONS* exemptions, HANDLE processId, PBOOLEAN exempt);
 
 // --- Key-name tree -------------------------------------------------------------------------------
+//
+// One node a key path, without regard to case; a node keeps the spelling that it was made with.
+// Paths are components separated by backslashes; repeated, leading and trailing ones do not count.
+//
+// A node stays in the tree when its last reference is released, with its context block. Only when
+// the tree holds very many nodes do some leaves that nobody references or asks for leave it. So a
+// node's address tells nodes apart only while a reference is held: a later node may be given the
+// address of one that is gone.
 
 NTSTATUS NTAPI ZPkDtInitialize(const KeyTreeConfig* config, ULONG options, ZPK_KEY_TREE** tree);
 /// Every node and context reference must have been released.
 NTSTATUS NTAPI ZPkDtDestroy(ZPK_KEY_TREE* tree);
 /// TRUE: a leading part of the path (one or more whole components) is in the tree; the node of the
 /// longest such part is returned with a reference (ZPkDtReleaseNode), its block with a reference
-/// (ZPkDtReleaseContext) or null, and `path` describes what was not matched (length 0: nothing).
+/// (ZPkDtReleaseContext) or null, and `path` describes what of the same buffer was not matched
+/// (length 0: nothing).
 /// FALSE: nothing matched; both outputs are null and `path` is unchanged.
 BOOLEAN NTAPI ZPkDtLookup(ZPK_KEY_TREE* tree, PUNICODE_STRING path, ZPK_NODE** node,
                           PVOID* context);
 /// Adds the path's nodes below `*node` (the root when null; the reference is taken over) and
 /// attaches the block to the last one, which takes its own reference on it. `*node` becomes the
 /// last node with a reference. ZPK_STATUS_NODE_EXISTS: that node was there; the block is not
-/// attached. On another failure `*node` is null.
+/// attached. On another failure `*node` is null and the tree is unchanged: no component at all
+/// (STATUS_INVALID_PARAMETER), a path beyond 65,534 bytes (STATUS_NAME_TOO_LONG), no memory. Below
+/// a node that has left the tree the whole path is made anew.
 NTSTATUS NTAPI ZPkDtInsert(ZPK_KEY_TREE* tree, PCUNICODE_STRING path, PVOID context,
                            ZPK_NODE** node);
 void NTAPI ZPkDtReleaseNode(ZPK_KEY_TREE* tree, ZPK_NODE* node);
@@ -155,13 +171,17 @@ PVOID NTAPI ZPkDtGetContext(ZPK_KEY_TREE* tree, ZPK_NODE* node);
 /// TRUE: the node had no block and now refers to this one. FALSE: it had one; nothing changes.
 BOOLEAN NTAPI ZPkDtInsertContext(ZPK_KEY_TREE* tree, ZPK_NODE* node, PVOID context);
 /// Takes the node (and what is below it) out of the tree; references on it stay good, and so does
-/// its name. `reserved` is null.
+/// its name. A later insertion of the path makes a new node. STATUS_NOT_FOUND: the node was not in
+/// the tree any more. `reserved` is null.
 NTSTATUS NTAPI ZPkDtDelete(ZPK_KEY_TREE* tree, PVOID reserved, ZPK_NODE* node);
 /// Writes the node's full path without a terminator. STATUS_BUFFER_TOO_SMALL sets the maximum
 /// length to the bytes needed. Takes no lock that is held while a context block is in use.
 NTSTATUS NTAPI ZPkDtGetName(ZPK_KEY_TREE* tree, ZPK_NODE* node, PUNICODE_STRING name);
 /// Gives the node, and with it the paths of all nodes below, a new last component. `*node` may
-/// become another node with a reference, the old reference being taken over.
+/// become another node with a reference, the old reference being taken over. A node that has the
+/// new path already is taken for one of a key that is gone and leaves the tree as by ZPkDtDelete.
+/// Nothing changes on failure: STATUS_OBJECT_NAME_INVALID (no name, or one with a backslash),
+/// STATUS_NAME_TOO_LONG (a path would exceed 65,534 bytes), no memory.
 NTSTATUS NTAPI ZPkDtRename(ZPK_KEY_TREE* tree, PCUNICODE_STRING newName, ZPK_NODE** node);
 
 }  // extern "C"
