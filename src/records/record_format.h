@@ -109,4 +109,48 @@ static_assert(offsetof(RecordHeader, SystemTime) == 24);
 static_assert(offsetof(RecordHeader, KeyOperations) == 32);
 static_assert(offsetof(RecordHeader, NameOffset) == 36);
 
+/// Value set, type 1. The data as set follows at kDataOffset, then the value's name and, when
+/// PreviousOffset is not 0, the previous data, at the offsets given.
+struct ValueSetRecord {
+    RecordHeader Header;
+    std::uint32_t ValueNameOffset;  ///< UTF-16 ending in a 16-bit zero
+    std::uint32_t ValueType;        ///< as set
+    std::uint32_t DataSize;         ///< bytes, as set
+    std::uint32_t CapturedLength;   ///< bytes of it in the record; 0 when it could not be read
+    std::uint32_t PreviousOffset;   ///< multiple of 4; 0: no previous data
+    // The next two are written only with previous data.
+    std::uint32_t PreviousSize;
+    std::uint32_t PreviousCapturedLength;
+
+    static constexpr std::uint32_t kDataOffset = 68;
+};
+static_assert(offsetof(ValueSetRecord, ValueNameOffset) == 40);
+static_assert(offsetof(ValueSetRecord, ValueType) == 44);
+static_assert(offsetof(ValueSetRecord, DataSize) == 48);
+static_assert(offsetof(ValueSetRecord, CapturedLength) == 52);
+static_assert(offsetof(ValueSetRecord, PreviousOffset) == 56);
+static_assert(offsetof(ValueSetRecord, PreviousSize) == 60);
+static_assert(offsetof(ValueSetRecord, PreviousCapturedLength) == 64);
+// The structure ends in padding; the record's data begins before that.
+static_assert(ValueSetRecord::kDataOffset == offsetof(ValueSetRecord, PreviousCapturedLength) + 4);
+
+/// Value deleted, type 2, and key renamed, type 4: the value's name, or the new name as the caller
+/// gave it, follows the header: UTF-16 ending in a 16-bit zero.
+struct NameRecord {
+    RecordHeader Header;
+
+    static constexpr std::uint32_t kNameOffset = 40;
+};
+static_assert(sizeof(NameRecord) == NameRecord::kNameOffset);
+
+/// Key information set, type 3. The caller's information follows.
+struct KeyInformationSetRecord {
+    RecordHeader Header;
+    std::uint32_t InformationClass;
+    std::uint32_t DataLength;  ///< bytes; 0 when it could not be read
+};
+static_assert(sizeof(KeyInformationSetRecord) == 48);
+static_assert(offsetof(KeyInformationSetRecord, InformationClass) == 40);
+static_assert(offsetof(KeyInformationSetRecord, DataLength) == 44);
+
 }  // namespace zpregflt

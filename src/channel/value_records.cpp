@@ -1,0 +1,292 @@
+#include "channel/value_records.h"
+
+#include <lock_guards.h>
+
+#include "channel/value_cache.h"
+#include "channel/value_capture.h"
+#include "intercept/operation_trace.h"
+#include "intercept/tracing.h"
+#include "records/caller_memory.h"
+#include "records/record_writer.h"
+
+namespace zpregflt {
+
+namespace {
+
+using SetInformation = REG_SET_VALUE_KEY_INFORMATION;
+
+constexpr ULONG_PTR kFlagBits = CALL_CONTEXT_CACHE | CALL_CONTEXT_RECORD;
+
+bool ReportsOriginal(const DriverState& state) {
+    return ReadUCharNoFence(reinterpret_cast<const volatile UCHAR*>(&state.ReportOriginal)) != 0;
+}
+
+ULONG CapturedSize(const DriverState& state, ULONG size) {
+    const ULONG limit = ReadULongNoFence(&state.CaptureMaxSize);
+    return limit < size ? limit : size;
+}
+
+KeyObjectContext& ContextOf(PVOID objectContext) {
+    return *static_cast<KeyObjectContext*>(objectContext);
+}
+
+void StoreCallContext(SetInformation& set, SetValueCallContext* block, ULONG_PTR flags) {
+    set.CallContext = reinterpret_cast<PVOID>(reinterpret_cast<ULONG_PTR>(block) | flags);
+}
+
+SetValueCallContext* NewCallContext(DriverState& state, ValueCacheEntry* entry,
+                                    PreviousValue previous) {
+    auto* const block = static_cast<SetValueCallContext*>(
+        ExAllocateFromPagedLookasideList(&state.CallContextLookaside));
+    if (block != nullptr) {
+        *block = {entry, previous.Detach()};
+    }
+    return block;
+}
+
+void TraceUnchanged(const SetInformation& set) {
+    ZPRF_TRACE_FILTERED(TRACE_OPERATION, TRACE_LEVEL_WARNING, operation::kSetValueKey,
+                        "process %p, key %p: value %Z set to what it is", PsGetCurrentProcessId(),
+                        set.Object, static_cast<const UNICODE_STRING*>(set.ValueName));
+}
+
+/// A value that was captured short counts as unchanged when a set of just the captured bytes comes.
+Comparison CompareData(const SetInformation& set, const ValueCacheEntry& entry) {
+    if (set.Type != entry.Value.DataType || set.DataSize != entry.CapturedLength) {
+        return Comparison::kDifferent;
+    }
+    return CompareWithCaller(entry.Value.Data, set.Data, set.DataSize);
+}
+
+Comparison CompareData(const SetInformation& set, const KEY_VALUE_PARTIAL_INFORMATION& current) {
+    if (set.Type != current.Type || set.DataSize != current.DataLength) {
+        return Comparison::kDifferent;
+    }
+    return CompareWithCaller(current.Data, set.Data, set.DataSize);
+}
+
+/// The process has set this value before, and `entry` holds what it set. Returns whether the entry
+/// went to the post-notification.
+bool JudgeCached(SetInformation& set, DriverState& state, ValueCacheEntry* entry) {
+    const Comparison comparison = CompareData(set, *entry);
+    if (comparison != Comparison::kDifferent) {
+        if (comparison == Comparison::kEqual) {
+            TraceUnchanged(set);
+        }
+        return false;
+    }
+    PreviousValue previous;
+    // The record that the entry's last set left tells the data before this one; after a set that
+    // left none, the registry does. The cache may not: another process may have set it since.
+    if (ReportsOriginal(state) && (ReadULongNoFence(&entry->Flags) & ENTRY_RECORDED) == 0) {
+        previous = QueryCurrentValue(set.Object, set.ValueName);
+    }
+    SetValueCallContext* const block = NewCallContext(state, entry, std::move(previous));
+    if (block == nullptr) {
+        return false;
+    }
+    StoreCallContext(set, block, CALL_CONTEXT_RECORD);
+    return true;
+}
+
+/// The process has not set this value before, or the cache has forgotten: the registry tells.
+void JudgeByRegistry(SetInformation& set, DriverState& state) {
+    PreviousValue current = QueryCurrentValue(set.Object, set.ValueName);
+    // Data that cannot be read changes nothing: the set is about to fail.
+    if (current && CompareData(set, *current) != Comparison::kDifferent) {
+        TraceUnchanged(set);
+        StoreCallContext(set, nullptr, CALL_CONTEXT_CACHE);
+        return;
+    }
+    SetValueCallContext* block = nullptr;
+    if (ReportsOriginal(state) && current) {
+        block = NewCallContext(state, nullptr, std::move(current));
+    }
+    StoreCallContext(set, block, CALL_CONTEXT_CACHE | CALL_CONTEXT_RECORD);
+}
+
+/// The process's cache, made if it has none; null when that fails.
+ValueCache* EnsureCache(ProcessContext& process) {
+    if (ValueCache* cache = process.ValueCachePointer(); cache != nullptr) {
+        return cache;
+    }
+    const GuardedMutexGuard guard(process.CacheLock);
+    if (ValueCache* cache = process.ValueCachePointer(); cache != nullptr) {
+        return cache;
+    }
+    ValueCache* const created = ValueCacheCreate();
+    WritePointerRelease(&process.Cache, created);
+    return created;
+}
+
+/// Where the parts of a value-set record lie; sizes that do not fit into 32 bits fit into no
+/// buffer.
+struct ValueSetLayout {
+    ULONG captured;
+    ULONG nameLength;
+    ULONG nameOffset;
+    ULONG previousOffset;
+    ULONG previousCaptured;
+    ULONG64 size;
+};
+
+ValueSetLayout LayOut(const DriverState& state, const SetInformation& set,
+                      const KEY_VALUE_PARTIAL_INFORMATION* previous) {
+    ValueSetLayout layout = {};
+    layout.captured = CapturedSize(state, set.DataSize);
+    layout.nameLength = set.ValueName->Length;
+    const ULONG64 nameOffset = ULONG64{ValueSetRecord::kDataOffset} + layout.captured;
+    layout.nameOffset = static_cast<ULONG>(nameOffset);
+    layout.size = nameOffset + layout.nameLength + sizeof(WCHAR);
+    if (previous != nullptr) {
+        const ULONG64 previousOffset = (layout.size + 3) & ~ULONG64{3};
+        layout.previousOffset = static_cast<ULONG>(previousOffset);
+        layout.previousCaptured = CapturedSize(state, previous->DataLength);
+        layout.size = previousOffset + layout.previousCaptured;
+    }
+    return layout;
+}
+
+bool WriteValueSetRecord(const DriverState& state, const REG_POST_OPERATION_INFORMATION& post,
+                         const KEY_VALUE_PARTIAL_INFORMATION* previous) {
+    const auto& set = *static_cast<const SetInformation*>(post.PreInformation);
+    const ValueSetLayout layout = LayOut(state, set, previous);
+    const ULONG size = layout.size <= MAXULONG ? static_cast<ULONG>(layout.size) : MAXULONG;
+    const RecordWriter<ValueSetRecord> record(RecordType::kValueSet, post.Object,
+                                              ContextOf(post.ObjectContext),
+                                              operation::kSetValueKey, size);
+    if (!record) {
+        return false;
+    }
+    record->ValueNameOffset = layout.nameOffset;
+    record->ValueType = set.Type;
+    record->DataSize = set.DataSize;
+    const bool readable =
+        CopyFromCaller(record.At(ValueSetRecord::kDataOffset), set.Data, layout.captured);
+    record->CapturedLength = readable ? layout.captured : 0;
+    CopyStringFromCaller(record.At(layout.nameOffset), set.ValueName,
+                         static_cast<USHORT>(layout.nameLength));
+    record->PreviousOffset = layout.previousOffset;
+    if (previous != nullptr) {
+        record->PreviousSize = previous->DataLength;
+        record->PreviousCapturedLength = layout.previousCaptured;
+        RtlCopyMemory(record.At(layout.previousOffset), previous->Data, layout.previousCaptured);
+    }
+    return true;
+}
+
+/// What a successful set leaves behind: the cache's knowledge and the record.
+bool AfterSuccess(DriverState& state, const REG_POST_OPERATION_INFORMATION& post,
+                  const SetValueCallContext* block, ULONG_PTR flags) {
+    const auto& set = *static_cast<const SetInformation*>(post.PreInformation);
+    KeyObjectContext& context = ContextOf(post.ObjectContext);
+    if (block != nullptr && block->Entry != nullptr) {
+        ValueCacheSetPending(&state, block->Entry, set);
+    }
+    if ((flags & CALL_CONTEXT_CACHE) != 0) {
+        if (EnsureCache(*context.ProcessContext) == nullptr) {
+            ZPRF_TRACE_FILTERED(TRACE_OPERATION, TRACE_LEVEL_WARNING, operation::kSetValueKey,
+                                "process %p: no memory for its value cache",
+                                PsGetCurrentProcessId());
+            return false;
+        }
+        ValueCacheInsert(&state, &context, set, (flags & CALL_CONTEXT_RECORD) != 0);
+    }
+    return (flags & CALL_CONTEXT_RECORD) != 0 &&
+           WriteValueSetRecord(state, post, block != nullptr ? block->Previous : nullptr);
+}
+
+void GiveBack(DriverState& state, SetValueCallContext* block) {
+    if (block == nullptr) {
+        return;
+    }
+    if (block->Entry != nullptr) {
+        ValueCacheRelease(block->Entry->Cache, block->Entry, false);
+    }
+    PreviousValue(block->Previous).Reset();
+    ExFreeToPagedLookasideList(&state.CallContextLookaside, block);
+}
+
+void TraceSet(const SetInformation& set) {
+    TraceOperation(set.Object, operation::kSetValueKey,
+                   "process %p, key %p %Z: SetValueKey %Z by %p on %p, type %u, %u bytes",
+                   static_cast<const UNICODE_STRING*>(set.ValueName), PsGetCurrentProcessId(),
+                   set.Object, set.Type, set.DataSize);
+}
+
+}  // namespace
+
+bool NTAPI PreSetValue(PVOID notification, DriverState* state) {
+    auto& set = *static_cast<SetInformation*>(notification);
+    TraceSet(set);
+    const KeyObjectContext& context = ContextOf(set.ObjectContext);
+    ValueCache* const cache = context.ProcessContext->ValueCachePointer();
+    ValueCacheEntry* const entry =
+        cache != nullptr ? ValueCacheLookup(cache, CacheKeyOf(context), *set.ValueName) : nullptr;
+    if (entry == nullptr) {
+        JudgeByRegistry(set, *state);
+    } else if (!JudgeCached(set, *state, entry)) {
+        ValueCacheRelease(cache, entry, false);
+    }
+    return false;
+}
+
+bool NTAPI ValueSet(PVOID notification, DriverState* state) {
+    const auto& post = *static_cast<const REG_POST_OPERATION_INFORMATION*>(notification);
+    const auto callContext = reinterpret_cast<ULONG_PTR>(post.CallContext);
+    if (callContext == 0) {
+        return false;
+    }
+    auto* const block = reinterpret_cast<SetValueCallContext*>(callContext & ~kFlagBits);
+    ZPRF_TRACE_FILTERED(TRACE_OPERATION, TRACE_LEVEL_INFORMATION, operation::kSetValueKey,
+                        "key %p: set value, status %x, call context %p", post.Object, post.Status,
+                        post.CallContext);
+    const bool recorded =
+        post.Status == STATUS_SUCCESS && AfterSuccess(*state, post, block, callContext & kFlagBits);
+    GiveBack(*state, block);
+    return recorded;
+}
+
+namespace {
+
+bool WriteValueDeletedRecord(const REG_POST_OPERATION_INFORMATION& post, PCUNICODE_STRING name) {
+    const USHORT length = name->Length;
+    const RecordWriter<NameRecord> record(RecordType::kValueDeleted, post.Object,
+                                          ContextOf(post.ObjectContext), operation::kDeleteValueKey,
+                                          NameRecord::kNameOffset + length + sizeof(WCHAR));
+    if (!record) {
+        return false;
+    }
+    CopyStringFromCaller(record.At(NameRecord::kNameOffset), name, length);
+    return true;
+}
+
+/// The process's own knowledge of a value that it has deleted is void.
+void ForgetValue(const KeyObjectContext& context, const UNICODE_STRING& name) {
+    ValueCache* const cache = context.ProcessContext->ValueCachePointer();
+    if (cache == nullptr) {
+        return;
+    }
+    ValueCacheEntry* const entry = ValueCacheLookup(cache, CacheKeyOf(context), name);
+    if (entry != nullptr) {
+        ValueCacheRelease(cache, entry, true);
+    }
+}
+
+}  // namespace
+
+bool NTAPI ValueDeleted(PVOID notification, DriverState*) {
+    const auto& post = *static_cast<const REG_POST_OPERATION_INFORMATION*>(notification);
+    const auto& deletion =
+        *static_cast<const REG_DELETE_VALUE_KEY_INFORMATION*>(post.PreInformation);
+    TraceOperation(post.Object, operation::kDeleteValueKey,
+                   "process %p, key %p %Z: DeleteValueKey %Z",
+                   static_cast<const UNICODE_STRING*>(deletion.ValueName));
+    const KeyObjectContext& context = ContextOf(post.ObjectContext);
+    const bool recorded = (context.ProcessContext->Operations & operation::kDeleteValueKey) != 0 &&
+                          WriteValueDeletedRecord(post, deletion.ValueName);
+    ForgetValue(context, *deletion.ValueName);
+    return recorded;
+}
+
+}  // namespace zpregflt

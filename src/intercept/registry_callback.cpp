@@ -1,0 +1,116 @@
+#include "intercept/registry_callback.h"
+
+#include "intercept/contexts.h"
+#include "intercept/key_entry.h"
+#include "intercept/operation_table.h"
+#include "intercept/tracing.h"
+
+namespace zpregflt {
+
+namespace {
+
+/// One notification on its way through the gates.
+struct Notification {
+    OperationEntry& row;
+    ULONG notifyClass;
+    PVOID structure;
+    DriverState* state;
+
+    template <typename T>
+    T Member(ULONG64 offset) const {
+        return *reinterpret_cast<T const*>(static_cast<const UCHAR*>(structure) + offset);
+    }
+    PVOID Object() const { return Member<PVOID>(row.ObjectOffset); }
+};
+
+bool Succeeded(const Notification& notification) {
+    const auto* post = static_cast<const REG_POST_OPERATION_INFORMATION*>(notification.structure);
+    if (post->Status == STATUS_SUCCESS) {
+        return true;
+    }
+    ZPRF_TRACE_FILTERED(TRACE_DRIVER, TRACE_LEVEL_VERBOSE, notification.row.Mask,
+                        "process %p: class %u %s failed, status %x", PsGetCurrentProcessId(),
+                        notification.notifyClass, notification.row.Name, post->Status);
+    InterlockedIncrement64(&notification.row.Fail);
+    return false;
+}
+
+bool Watched(const Notification& notification, const KeyObjectContext& context) {
+    const OperationMask operations = context.ProcessContext->Operations;
+    if ((operations & notification.row.Mask) != 0) {
+        return true;
+    }
+    ZPRF_TRACE_FILTERED(TRACE_DRIVER, TRACE_LEVEL_VERBOSE, notification.row.Mask,
+                        "process %p, key %p: class %u %s not watched, operations %x",
+                        PsGetCurrentProcessId(), notification.Object(), notification.notifyClass,
+                        notification.row.Name, operations);
+    InterlockedIncrement64(&notification.row.Filter);
+    return false;
+}
+
+bool HasKeyEntry(const Notification& notification, KeyObjectContext& context) {
+    if (context.Entry() != nullptr ||
+        NT_SUCCESS(EnsureKeyEntry(nullptr, notification.Object(), notification.state, &context))) {
+        return true;
+    }
+    ZPRF_TRACE_FILTERED(TRACE_DRIVER, TRACE_LEVEL_VERBOSE, notification.row.Mask,
+                        "process %p, key %p: class %u %s without key entry",
+                        PsGetCurrentProcessId(), notification.Object(), notification.notifyClass,
+                        notification.row.Name);
+    return false;
+}
+
+/// The gates that look at the key's object context.
+bool PassesContextGates(const Notification& notification) {
+    auto* const context =
+        notification.Member<KeyObjectContext*>(notification.row.ObjectContextOffset);
+    if (context == nullptr) {
+        ZPRF_TRACE_FILTERED(TRACE_DRIVER, TRACE_LEVEL_VERBOSE, notification.row.Mask,
+                            "process %p, key %p: class %u %s without key context",
+                            PsGetCurrentProcessId(), notification.Object(),
+                            notification.notifyClass, notification.row.Name);
+        return false;
+    }
+    // Most operations repeat one that the key has seen: a look saves the locked instruction.
+    const auto mask = static_cast<LONG>(notification.row.Mask);
+    if ((ReadNoFence(&context->KeyOperations) & mask) != mask) {
+        InterlockedOr(&context->KeyOperations, mask);
+    }
+    const ULONG flags = notification.row.Flags;
+    return ((flags & OP_FLAG_POLICY) == 0 || Watched(notification, *context)) &&
+           ((flags & OP_FLAG_KEY_ENTRY) == 0 || HasKeyEntry(notification, *context));
+}
+
+bool PassesGates(const Notification& notification) {
+    const ULONG flags = notification.row.Flags;
+    if ((flags & OP_FLAG_DIRECT) != 0) {
+        return true;
+    }
+    if ((flags & OP_FLAG_SYSTEM) == 0 && PsIsSystemThread(PsGetCurrentThread())) {
+        return false;
+    }
+    return ((flags & OP_FLAG_SUCCESS) == 0 || Succeeded(notification)) &&
+           ((flags & OP_FLAG_CONTEXT) == 0 || PassesContextGates(notification));
+}
+
+}  // namespace
+
+NTSTATUS NTAPI RegistryCallback(PVOID callbackContext, PVOID argument1, PVOID argument2) {
+    const auto notifyClass = reinterpret_cast<ULONG_PTR>(argument1);
+    if (notifyClass >= kOperationClassCount) {
+        return STATUS_SUCCESS;
+    }
+    OperationEntry& row = OperationTable[notifyClass];
+    InterlockedIncrement64(&row.Hit);
+    if (row.Handler == nullptr || argument2 == nullptr) {
+        return STATUS_SUCCESS;
+    }
+    auto* const state = static_cast<DriverState*>(callbackContext);
+    if (PassesGates({row, static_cast<ULONG>(notifyClass), argument2, state}) &&
+        row.Handler(argument2, state)) {
+        InterlockedIncrement64(&row.Log);
+    }
+    return STATUS_SUCCESS;
+}
+
+}  // namespace zpregflt

@@ -1,0 +1,255 @@
+#include "records/key_lifetime.h"
+
+#include <lock_guards.h>
+#include <ntifs.h>
+
+#include "intercept/key_path.h"
+#include "intercept/operation_trace.h"
+#include "intercept/tracing.h"
+#include "records/caller_memory.h"
+#include "records/record_writer.h"
+
+namespace zpregflt {
+
+namespace {
+
+using PostInformation = REG_POST_OPERATION_INFORMATION;
+using CapturedPath = PoolBlock<OBJECT_NAME_INFORMATION, kKeyPathTag>;
+
+KeyObjectContext& ContextOf(const PostInformation& post) {
+    return *static_cast<KeyObjectContext*>(post.ObjectContext);
+}
+
+CapturedPath TakeCapturedPath(const PostInformation& post) {
+    return CapturedPath(static_cast<POBJECT_NAME_INFORMATION>(post.CallContext));
+}
+
+const UNICODE_STRING* TextOf(const CapturedPath& path) {
+    return path ? &path->Name : nullptr;
+}
+
+/// Stores the key's path, as the object manager has it, in `callContext`, unless the tree knows it.
+void Capture(PVOID object, const KeyObjectContext& context, PVOID& callContext) {
+    if (context.Node() != nullptr) {
+        return;
+    }
+    CapturedPath path;
+    const NTSTATUS status = QueryObjectName(object, 0, path);
+    if (!NT_SUCCESS(status)) {
+        ZPRF_TRACE(TRACE_OPERATION, TRACE_LEVEL_INFORMATION, "key %p: path not captured, status %x",
+                   object, status);
+        return;
+    }
+    callContext = path.Detach();
+}
+
+/// A record that is its header alone.
+bool WriteHeaderRecord(RecordType type, const PostInformation& post, OperationMask bit,
+                       const UNICODE_STRING* capturedPath = nullptr) {
+    const RecordWriter<RecordHeader> record(type, post.Object, ContextOf(post), bit,
+                                            sizeof(RecordHeader), capturedPath);
+    return static_cast<bool>(record);
+}
+
+bool Records(const PostInformation& post, OperationMask bit) {
+    return (ContextOf(post).ProcessContext->Operations & bit) != 0;
+}
+
+/// The node of exactly this path, or none.
+KeyNodeRef FindNode(const DriverState& state, const UNICODE_STRING& path) {
+    UNICODE_STRING rest = path;
+    KeyNodeRef node;
+    KeyEntryRef entry;
+    if (ZPkDtLookup(state.KeyTree, &rest, node.Receive(), entry.ReceiveBlock()) &&
+        rest.Length != 0) {
+        node.Reset();
+    }
+    return node;
+}
+
+void RemoveFromTree(const DriverState& state, const PostInformation& post,
+                    const CapturedPath& path) {
+    if (ZPK_NODE* node = ContextOf(post).Node(); node != nullptr) {
+        ZPkDtDelete(state.KeyTree, nullptr, node);
+        return;
+    }
+    if (path) {
+        if (const KeyNodeRef node = FindNode(state, path->Name); node) {
+            ZPkDtDelete(state.KeyTree, nullptr, node.Get());
+        }
+    }
+}
+
+/// The caller's new name, copied once under fault protection: the record and the tree get the same.
+/// Empty when it cannot be read or there is no memory.
+class NewName {
+public:
+    explicit NewName(const UNICODE_STRING& name) {
+        const USHORT length = name.Length;
+        block_.Reset(static_cast<PWSTR>(
+            ExAllocatePoolWithTag(PagedPool, length + sizeof(WCHAR), kKeyPathTag)));
+        if (block_ && CopyStringFromCaller(block_.Get(), &name, length)) {
+            text_ = {length, length, block_.Get()};
+        }
+    }
+    const UNICODE_STRING& Text() const { return text_; }
+
+private:
+    PoolBlock<WCHAR, kKeyPathTag> block_;
+    UNICODE_STRING text_ = {};
+};
+
+bool WriteRenameRecord(const PostInformation& post, const NewName& newName,
+                       const CapturedPath& path) {
+    const UNICODE_STRING& text = newName.Text();
+    const RecordWriter<NameRecord> record(
+        RecordType::kKeyRenamed, post.Object, ContextOf(post), operation::kRenameKey,
+        NameRecord::kNameOffset + text.Length + sizeof(WCHAR), TextOf(path));
+    if (!record) {
+        return false;
+    }
+    CopyStringFromCaller(record.At(NameRecord::kNameOffset), &text, text.Length);
+    return true;
+}
+
+/// Gives the node its new name, in the tree that all key objects on it share, and has the next
+/// record write the new path. A name that could not be read leaves the tree with the old one, which
+/// names the key better than an empty one would. The node itself stays the same, so other threads
+/// that use this key object's node meanwhile keep a good one.
+void RenameInTree(const DriverState& state, const PostInformation& post, const NewName& newName) {
+    const KeyObjectContext& context = ContextOf(post);
+    ZPK_NODE* node = context.Node();
+    if (node == nullptr || newName.Text().Length == 0 ||
+        ZPkDtRename(state.KeyTree, &newName.Text(), &node) != STATUS_SUCCESS) {
+        return;
+    }
+    if (KeyEntry* entry = context.Entry(); entry != nullptr) {
+        const GuardedMutexGuard guard(entry->EntryLock);
+        entry->CachedName = nullptr;
+    }
+}
+
+constexpr ULONG kTracedPathTag = MakeTag("Zrtn");
+
+/// The key's path as the tree has it, for a trace.
+PoolBlock<UNICODE_STRING, kTracedPathTag> QueryTreePath(const DriverState& state, ZPK_NODE* node) {
+    UNICODE_STRING size = {};
+    if (ZPkDtGetName(state.KeyTree, node, &size) != STATUS_BUFFER_TOO_SMALL) {
+        return {};
+    }
+    PoolBlock<UNICODE_STRING, kTracedPathTag> path(
+        static_cast<PUNICODE_STRING>(ExAllocatePoolWithTag(
+            PagedPool, sizeof(UNICODE_STRING) + size.MaximumLength, kTracedPathTag)));
+    if (path) {
+        *path = {0, size.MaximumLength, reinterpret_cast<PWSTR>(path.Get() + 1)};
+        if (ZPkDtGetName(state.KeyTree, node, path.Get()) != STATUS_SUCCESS) {
+            path.Reset();
+        }
+    }
+    return path;
+}
+
+/// The verbose trace of a delete or rename, whose key the object manager can no longer name.
+template <typename... Arguments>
+void TraceGone(const DriverState& state, const PostInformation& post, const CapturedPath& captured,
+               OperationMask mask, const char* message, const Arguments&... arguments) {
+    if (!trace_detail::OperationTraced(mask)) {
+        return;
+    }
+    PoolBlock<UNICODE_STRING, kTracedPathTag> treePath;
+    const UNICODE_STRING* path = TextOf(captured);
+    if (ZPK_NODE* node = ContextOf(post).Node(); node != nullptr) {
+        treePath = QueryTreePath(state, node);
+        path = treePath.Get();
+    }
+    if (path != nullptr) {
+        ZPRF_TRACE(TRACE_OPERATION, TRACE_LEVEL_INFORMATION, message, PsGetCurrentProcessId(),
+                   post.Object, path, arguments...);
+    }
+}
+
+void TraceKey(const PostInformation& post, OperationMask mask, const char* label) {
+    TraceOperation(post.Object, mask, "process %p, key %p %Z: %s", label);
+}
+
+}  // namespace
+
+bool NTAPI PreDeleteKey(PVOID notification, DriverState*) {
+    auto& deletion = *static_cast<REG_DELETE_KEY_INFORMATION*>(notification);
+    Capture(deletion.Object, *static_cast<KeyObjectContext*>(deletion.ObjectContext),
+            deletion.CallContext);
+    return false;
+}
+
+bool NTAPI KeyDeleted(PVOID notification, DriverState* state) {
+    const auto& post = *static_cast<const PostInformation*>(notification);
+    const CapturedPath path = TakeCapturedPath(post);
+    TraceGone(*state, post, path, operation::kDeleteKey,
+              "process %p, key %p %Z: DeleteKey, status %x", post.Status);
+    if (post.Status != STATUS_SUCCESS) {
+        return false;
+    }
+    const bool recorded =
+        Records(post, operation::kDeleteKey) &&
+        WriteHeaderRecord(RecordType::kKeyDeleted, post, operation::kDeleteKey, TextOf(path));
+    RemoveFromTree(*state, post, path);
+    return recorded;
+}
+
+bool NTAPI PreRenameKey(PVOID notification, DriverState*) {
+    auto& rename = *static_cast<REG_RENAME_KEY_INFORMATION*>(notification);
+    Capture(rename.Object, *static_cast<KeyObjectContext*>(rename.ObjectContext),
+            rename.CallContext);
+    return false;
+}
+
+bool NTAPI KeyRenamed(PVOID notification, DriverState* state) {
+    const auto& post = *static_cast<const PostInformation*>(notification);
+    const CapturedPath path = TakeCapturedPath(post);
+    const NewName newName(
+        *static_cast<const REG_RENAME_KEY_INFORMATION*>(post.PreInformation)->NewName);
+    TraceGone(*state, post, path, operation::kRenameKey,
+              "process %p, key %p %Z: RenameKey to %Z, status %x", &newName.Text(), post.Status);
+    if (post.Status != STATUS_SUCCESS) {
+        return false;
+    }
+    const bool recorded =
+        Records(post, operation::kRenameKey) && WriteRenameRecord(post, newName, path);
+    RenameInTree(*state, post, newName);
+    return recorded;
+}
+
+bool NTAPI KeyFlushed(PVOID notification, DriverState*) {
+    const auto& post = *static_cast<const PostInformation*>(notification);
+    TraceKey(post, operation::kFlushKey, "FlushKey");
+    return WriteHeaderRecord(RecordType::kKeyFlushed, post, operation::kFlushKey);
+}
+
+bool NTAPI KeyHandleClosed(PVOID notification, DriverState*) {
+    const auto& post = *static_cast<const PostInformation*>(notification);
+    TraceKey(post, operation::kKeyHandleClose, "KeyHandleClose");
+    return WriteHeaderRecord(RecordType::kKeyHandleClosed, post, operation::kKeyHandleClose);
+}
+
+bool NTAPI KeyInformationSet(PVOID notification, DriverState*) {
+    const auto& post = *static_cast<const PostInformation*>(notification);
+    const auto& set = *static_cast<const REG_SET_INFORMATION_KEY_INFORMATION*>(post.PreInformation);
+    TraceOperation(post.Object, operation::kSetInformationKey,
+                   "process %p, key %p %Z: SetInformationKey class %u", set.KeySetInformationClass);
+    const ULONG length = set.KeySetInformationLength;
+    // A length that does not fit into 32 bits with the fixed part fits into no buffer.
+    const ULONG fixedSize = sizeof(KeyInformationSetRecord);
+    const ULONG size = length <= MAXULONG - fixedSize ? fixedSize + length : MAXULONG;
+    const RecordWriter<KeyInformationSetRecord> record(RecordType::kKeyInformationSet, post.Object,
+                                                       ContextOf(post),
+                                                       operation::kSetInformationKey, size);
+    if (!record) {
+        return false;
+    }
+    record->InformationClass = static_cast<std::uint32_t>(set.KeySetInformationClass);
+    const bool readable = CopyFromCaller(record.At(fixedSize), set.KeySetInformation, length);
+    record->DataLength = readable ? length : 0;
+    return true;
+}
+
+}  // namespace zpregflt
