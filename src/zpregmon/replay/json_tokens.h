@@ -1,0 +1,33 @@
+// Values of workload files, from their JSON tokens.
+//
+// Text may hold surrogates without their partners, which JSON parsers refuse to decode: tokens are
+// taken as they stand in the file and decoded here. Every function throws TokenError.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory_resource>
+#include <span>
+#include <stdexcept>
+#include <string_view>
+
+namespace zpregmon {
+
+/// A token that is not what it should be; the text says what was expected.
+class TokenError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+/// A string's text in memory of `memory`.
+std::u16string_view DecodeText(std::string_view token, std::pmr::memory_resource& memory);
+/// A string of lower-case hex digits, as the bytes that they stand for.
+std::span<const std::byte> DecodeHexBytes(std::string_view token,
+                                          std::pmr::memory_resource& memory);
+/// A string of exactly 8 lower-case hex digits.
+std::uint32_t DecodeHexNumber(std::string_view token);
+/// An unsigned decimal number up to `most`.
+std::uint64_t DecodeNumber(std::string_view token, std::uint64_t most);
+bool DecodeBool(std::string_view token);
+
+}  // namespace zpregmon

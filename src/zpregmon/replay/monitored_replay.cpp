@@ -1,0 +1,98 @@
+#include "zpregmon/replay/monitored_replay.h"
+
+#include "client/record_decoder.h"
+#include "zpregmon/replay/monitored_machine.h"
+#include "zpregmon/replay/platform_device.h"
+
+#include <algorithm>
+
+namespace zpregmon {
+
+namespace {
+
+/// The replay waits while the driver has fewer than this part of the buffers: what is left takes
+/// whatever the replaying threads record before each of them comes to its next look.
+constexpr std::size_t kReservedPart = 4;
+
+void WalkBuffer(std::span<const std::byte> image, const EventReceiver& receive,
+                MonitoredReplayResult& result) {
+    RecordDecoder decoder(image);
+    for (Event event; decoder.Next(event);) {
+        ++result.events;
+        ++result.eventsByType[static_cast<std::size_t>(event.type)];
+        receive(event);
+    }
+    if (decoder.Error()) {
+        ++result.damagedBuffers;
+        if (!result.firstDamage) {
+            result.firstDamage = decoder.Error();
+        }
+    }
+}
+
+void ApplySettings(const MonitoredReplayOptions& options, ControlSession& session) {
+    if (options.operations) {
+        session.SetLoggedOperations(*options.operations);
+    }
+    if (options.captureMaxSize) {
+        session.SetCaptureMaxSize(*options.captureMaxSize);
+    }
+    if (options.reportOriginal) {
+        session.SetReportOriginal(true);
+    }
+    if (!options.dumpFile.empty()) {
+        session.SetDumpFile(options.dumpFile);
+    }
+    for (const std::u16string& image : options.exemptImages) {
+        Exemption exemption;
+        exemption.imageName = image;
+        session.AddExemptions({&exemption, 1});
+    }
+}
+
+ReplayResult Replay(platform::Machine& machine, const Workload& workload,
+                    const MonitoredReplayOptions& options, ReplayControl& control) {
+    return options.parallel ? ReplayInParallel(machine, workload, control)
+                            : ReplayInOrder(machine, workload, options.check, control);
+}
+
+/// Everything that happens while the control device is open.
+void RunSession(MonitoredMachine& machine, const Workload& workload,
+                const MonitoredReplayOptions& options, const EventReceiver& receive,
+                ReplayControl& control, MonitoredReplayResult& result) {
+    PlatformDevice device(machine.Client());
+    ControlSession session(device);
+    ApplySettings(options, session);
+    session.Start(options.session,
+                  [&](std::span<const std::byte> image) { WalkBuffer(image, receive, result); });
+    const std::size_t reserve = std::max<std::size_t>(1, options.session.buffers / kReservedPart);
+    control.pace = [&] { session.WaitUntilLent(reserve); };
+    const auto start = std::chrono::steady_clock::now();
+    result.replay = Replay(machine.Machine(), workload, options, control);
+    result.elapsed = std::chrono::steady_clock::now() - start;
+    control.pace = nullptr;
+    if (!options.dumpFile.empty()) {
+        machine.Machine().NotifyShutdown();
+    }
+    result.session = session.Finish();
+}
+
+}  // namespace
+
+MonitoredReplayResult RunMonitoredReplay(const Workload& workload,
+                                         const MonitoredReplayOptions& options,
+                                         const EventReceiver& receive, ReplayControl& control) {
+    MachineSettings settings;
+    settings.overrideMask = options.overrideMask;
+    settings.clientId = workload.UnusedProcessId();
+    settings.initialKeys = workload.InitialKeys();
+    MonitoredMachine machine(settings);
+    const DriverCounters before = ReadDriverCounters();
+    MonitoredReplayResult result;
+    RunSession(machine, workload, options, receive, control, result);
+    result.driver = ReadDriverCounters() - before;
+    machine.TakeDown();
+    return result;
+}
+
+}  // namespace zpregmon

@@ -1,0 +1,48 @@
+// Repeats recorded operations: one system call of the machine for each.
+#pragma once
+
+#include "zpregmon/replay/replay_process.h"
+#include "zpregmon/replay/workload.h"
+
+#include <cstddef>
+#include <memory>
+
+namespace zpregmon {
+
+/// What the machine answered. Text in the answer is valid until the caller's next operation.
+struct Outcome {
+    NTSTATUS status = STATUS_SUCCESS;
+    std::uint32_t disposition = 0;
+    Answer answer;
+    /// A query's answer was given in whole or, with STATUS_BUFFER_OVERFLOW, in part.
+    bool HasAnswer() const { return status == STATUS_SUCCESS || status == STATUS_BUFFER_OVERFLOW; }
+    /// The whole answer fitted.
+    bool IsComplete() const { return status == STATUS_SUCCESS; }
+};
+
+/// Whether there is a call for the operation; the others are passed over. Starts and exits of
+/// processes are not calls.
+bool IsCall(Op op);
+
+/// Makes calls for one host thread, which is a thread of the process that makes them.
+class RegistryCaller {
+public:
+    RegistryCaller();
+
+    /// An operation other than kDuplicate. Keeps the process's handle map.
+    Outcome Call(const Record& record, ReplayProcess& process);
+    /// kDuplicate, in any process's thread.
+    static Outcome Duplicate(const Record& record, ReplayProcess& from, ReplayProcess& to);
+
+private:
+    Outcome OpenOrCreate(const Record& record, ReplayProcess& process);
+    NTSTATUS SetValue(const Record& record, HANDLE key);
+    Outcome QueryValue(const Record& record, HANDLE key);
+    Outcome EnumerateValue(const Record& record, HANDLE key);
+    Outcome QueryKey(const Record& record, HANDLE key);
+    ULONG BufferLength(const Record& record, std::size_t fixedPart) const;
+
+    std::unique_ptr<std::byte[]> buffer_;
+};
+
+}  // namespace zpregmon
