@@ -14,6 +14,8 @@ namespace {
 constexpr char16_t kClientImage[] = u"\\Device\\HarddiskVolume1\\zpregmon.exe";
 constexpr char16_t kMonitoredImage[] = u"\\Device\\HarddiskVolume1\\program.exe";
 
+constexpr char16_t kMeasuredKeys[] = u"\\Registry\\Machine\\Software\\Measured";
+
 void Require(NTSTATUS status, const char* what) {
     if (!NT_SUCCESS(status)) throw std::runtime_error(what);
 }
@@ -38,9 +40,11 @@ Road::Road() {
     Require(machine_.LoadDriver(zpregmon::RegistryMonitorImage()), "zpregflt does not load");
     client_ = machine_.StartProcess({.imagePath = kClientImage});
     monitored_ = machine_.StartProcess({.imagePath = kMonitoredImage});
+    // The parent of the keys that are measured with.
+    machine_.SetRegistryDword(kMeasuredKeys, u"Version", 1);
     device_.emplace(*client_);
     session_.emplace(*device_);
-    session_->Start({}, [](std::span<const std::byte>) {});
+    session_->Start({.buffers = 64, .bufferSize = 1 << 20}, [](std::span<const std::byte>) {});
 }
 
 Road::~Road() {
@@ -53,8 +57,8 @@ Road::~Road() {
     machine_.UnloadDriver(u"zpklib");
 }
 
-OpenKey::OpenKey(const std::u16string& path) {
-    std::u16string text = path;
+OpenKey::OpenKey(std::u16string_view keyName) {
+    std::u16string text = std::u16string(kMeasuredKeys) + u"\\" + std::u16string(keyName);
     UNICODE_STRING name = platform::Describe(text);
     OBJECT_ATTRIBUTES attributes;
     InitializeObjectAttributes(&attributes, &name, OBJ_CASE_INSENSITIVE, nullptr, nullptr);

@@ -10,6 +10,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 
 namespace zpregflt_bench {
 
@@ -38,7 +39,8 @@ private:
 /// on it, as the configuration manager would pass it.
 class OpenKey {
 public:
-    explicit OpenKey(const std::u16string& path);
+    /// The key of this name below the keys that are measured with, made if it is missing.
+    explicit OpenKey(std::u16string_view keyName);
     ~OpenKey();
     OpenKey(const OpenKey&) = delete;
     OpenKey& operator=(const OpenKey&) = delete;

@@ -43,6 +43,28 @@ void DescribeCount(std::vector<std::string>& lines, long count, const std::strin
     if (count > 0) lines.push_back(std::to_string(count) + " " + what);
 }
 
+/// Cuts a stopped machine off from its drivers: they are told of nothing any more. Their files stay
+/// open for ever.
+void AbandonDrivers() {
+    static std::vector<ObjectRef<Process>> abandoned;
+    DropRegistryCallbacks();
+    ForgetProcessNotifyRoutines();
+    ForgetProviders();
+    ForgetDrivers();
+    ForgetNames();
+    {
+        const ThreadScope system(SystemProcess());
+        CloseKernelHandles(&kFileType);
+        CloseAllHandles(SystemProcess(), &kFileType);
+    }
+    for (const ObjectRef<Process>& process : LiveProcesses()) {
+        const ThreadScope inProcess(*process);
+        CloseAllHandles(*process, &kFileType);
+        RemoveProcess(*process);
+        if (!process->Handles().OpenHandles().empty()) abandoned.push_back(process);
+    }
+}
+
 [[noreturn]] void Refuse(const std::string& message) {
     throw std::invalid_argument(message);
 }
@@ -88,6 +110,7 @@ std::vector<std::string> Machine::State::DescribeObjects() const {
 std::vector<std::string> Machine::State::DescribeRegistrations() const {
     std::vector<std::string> lines = DescribeRegistryCallbacks();
     DescribeCount(lines, static_cast<long>(ProcessNotifyRoutineCount()), "process notify routines");
+    DescribeCount(lines, static_cast<long>(RegisteredProviderCount()), "trace providers");
     DescribeCount(lines, static_cast<long>(RunningSystemThreads()), "running system threads");
     for (const std::u16string& name : LoadedDrivers()) {
         lines.push_back("driver " + ToUtf8(name) + " is loaded");
@@ -110,11 +133,7 @@ Machine::Machine(const MachineOptions& options) : state_(std::make_unique<State>
 }
 
 Machine::~Machine() {
-    if (state_->forgotten) {
-        DropRegistryCallbacks();
-        ForgetProcessNotifyRoutines();
-        ForgetDrivers();
-    }
+    if (state_->forgotten) AbandonDrivers();
     for (const ObjectRef<Process>& process : LiveProcesses()) {
         ExitProcess(*process);
     }
@@ -131,10 +150,7 @@ Machine::~Machine() {
             left += "\n  " + line;
         }
     }
-    CloseKernelHandles();
-    CloseAllHandles(platform::SystemProcess());
-    ForgetProcessNotifyRoutines();
-    ForgetDrivers();
+    AbandonDrivers();
     DestroyRegistry();
     platform::SetSystemTime(0);
     StopClock();

@@ -173,11 +173,10 @@ NTSTATUS ZPK_KEY_TREE::Insert(ZPK_NODE* base, TextView rest, PVOID context, ZPK_
     return STATUS_SUCCESS;
 }
 
-void ZPK_KEY_TREE::Release(ZPK_NODE* node) {
-    if (InterlockedDecrement(&node->References) == 0) {
-        Writer writer(*this);
-        RetireNode(node);
-    }
+/// The node has left the tree before its last reference was released.
+void ZPK_KEY_TREE::RetireReleased(ZPK_NODE* node) {
+    Writer writer(*this);
+    RetireNode(node);
 }
 
 NTSTATUS ZPK_KEY_TREE::Delete(ZPK_NODE* node) {

@@ -45,7 +45,11 @@ public:
     ZPK_NODE* FindLongestPart(zpklib::TextView path, zpklib::TextView* rest);
     /// As ZPkDtInsert, but `base` stays the caller's.
     NTSTATUS Insert(ZPK_NODE* base, zpklib::TextView rest, PVOID context, ZPK_NODE** node);
-    void Release(ZPK_NODE* node);
+    void Release(ZPK_NODE* node) {
+        if (InterlockedDecrement(&node->References) == 0) {
+            RetireReleased(node);
+        }
+    }
     NTSTATUS Delete(ZPK_NODE* node);
     NTSTATUS Rename(ZPK_NODE* node, zpklib::TextView newName);
 
@@ -63,6 +67,7 @@ private:
         ZPK_KEY_TREE& tree_;
     };
 
+    void RetireReleased(ZPK_NODE* node);
     ZPK_NODE* FindLocked(zpklib::TextView path) const;
     bool LinkWithAncestors(ZPK_NODE* node);
     void LinkNode(ZPK_NODE* node);

@@ -3,14 +3,18 @@
 namespace zpklib {
 
 constinit ReaderSlot readerSlots[kReaderSlots] = {};
-constinit volatile LONG readerPhase = 0;
 
 namespace {
 
 constexpr int kPollsBeforeSleep = 1000;
 
-void WaitUntilZero(const volatile LONG* counter) {
-    for (int polls = 0; ReadAcquire(counter) != 0; ++polls) {
+/// Returns when the reader that has the slot, if any, has left it; later ones do not matter.
+void WaitForReader(const ReaderSlot& slot) {
+    const LONG seen = ReadAcquire(&slot.Sequence);
+    if (seen % 2 == 0) {
+        return;
+    }
+    for (int polls = 0; ReadAcquire(&slot.Sequence) == seen; ++polls) {
         if (polls < kPollsBeforeSleep) {
             __builtin_ia32_pause();
             continue;
@@ -24,15 +28,12 @@ void WaitUntilZero(const volatile LONG* counter) {
 }  // namespace
 
 void WaitForReaders() {
-    // Both phases have to be seen empty: a reader may be counted in either, since it may have read
-    // the phase long before it was counted. New readers are sent to the phase that is not waited
-    // for, so that they cannot keep the writer waiting. Writers that wait at the same time may undo
-    // each other's choice; that can only delay them.
-    for (LONG phase = 0; phase < 2; ++phase) {
-        InterlockedExchange(&readerPhase, 1 - phase);
-        for (const ReaderSlot& slot : readerSlots) {
-            WaitUntilZero(&slot.Inside[phase]);
-        }
+    // Between the caller's unlinking and the look at the slots there has to be a full barrier,
+    // which every interlocked operation is.
+    LONG barrier = 0;
+    InterlockedExchange(&barrier, 1);
+    for (const ReaderSlot& slot : readerSlots) {
+        WaitForReader(slot);
     }
 }
 

@@ -191,7 +191,7 @@ TEST_F(DriverLifecycleTest, LeakedReferencesStopTheUnbind) {
     WdfObjectReference(objects.parked);
     ExpectViolation(Rule::kObjectLeaked, [&] { Unload(); },
                     {"WdfVersionUnbind", "WDFQUEUE", "the driver's 1"});
-    machine->ForgetLeaks();
+    AbandonDriver();
 }
 
 // --- Control devices -----------------------------------------------------------------------------
@@ -339,7 +339,7 @@ TEST_F(DriverLifecycleTest, QueueThatGoesWaitsForTheDriversRequests) {
                     {"WDFQUEUE", "WDFREQUEST", "was not completed"});
     WdfRequestComplete(request, STATUS_SUCCESS);
     EXPECT_EQ(client->Wait(*sent), STATUS_SUCCESS);
-    machine->ForgetLeaks();
+    AbandonDriver();
 }
 
 }  // namespace

@@ -19,11 +19,15 @@ Client::~Client() {
     machine_.ExitProcess(*process_);
 }
 
-void Client::Start(Sent& sent, ULONG code, void* output, ULONG outputLength) {
-    const ThreadScope scope(*process_);
+void Client::Prepare(Sent& sent) {
     EXPECT_EQ(NtCreateEvent(&sent.event_, 0x1F0003, nullptr, NotificationEvent, FALSE),
               STATUS_SUCCESS);
     sent.status_.Status = STATUS_PENDING;
+}
+
+void Client::Start(Sent& sent, ULONG code, void* output, ULONG outputLength) {
+    const ThreadScope scope(*process_);
+    Prepare(sent);
     sent.returned = NtDeviceIoControlFile(file_, sent.event_, nullptr, nullptr, &sent.status_, code,
                                           sent.input.data(), static_cast<ULONG>(sent.input.size()),
                                           output, outputLength);
@@ -32,6 +36,17 @@ void Client::Start(Sent& sent, ULONG code, void* output, ULONG outputLength) {
 std::unique_ptr<Sent> Client::Send(ULONG code, std::vector<char> input, ULONG outputLength) {
     auto sent = std::make_unique<Sent>(std::move(input), outputLength);
     Start(*sent, code, sent->output.data(), outputLength);
+    return sent;
+}
+
+std::unique_ptr<Sent> Client::Write(std::vector<char> bytes) {
+    auto sent = std::make_unique<Sent>(std::move(bytes), 0);
+    const ThreadScope scope(*process_);
+    Prepare(*sent);
+    LARGE_INTEGER offset{};
+    sent->returned =
+        NtWriteFile(file_, sent->event_, nullptr, nullptr, &sent->status_, sent->input.data(),
+                    static_cast<ULONG>(sent->input.size()), &offset, nullptr);
     return sent;
 }
 
@@ -77,6 +92,12 @@ NTSTATUS FrameworkTest::Load() {
 
 NTSTATUS FrameworkTest::Unload() {
     return machine->UnloadDriver(u"fwtest");
+}
+
+void FrameworkTest::AbandonDriver() {
+    machine->ForgetLeaks();
+    platform::RemoveName(platform::View(kDeviceName));
+    platform::RemoveName(platform::View(kLinkName));
 }
 
 std::unique_ptr<Client> FrameworkTest::Open() {

@@ -59,6 +59,7 @@ public:
 
     platform::Process& Owner() { return *process_; }
     std::unique_ptr<Sent> Send(ULONG code, std::vector<char> input = {}, ULONG outputLength = 0);
+    std::unique_ptr<Sent> Write(std::vector<char> bytes);
     /// METHOD_NEITHER with an output buffer of the caller's choice.
     std::unique_ptr<Sent> SendTo(ULONG code, void* output, ULONG outputLength);
     /// Waits for the end and returns the status.
@@ -67,6 +68,7 @@ public:
     void Close();
 
 private:
+    static void Prepare(Sent& sent);
     void Start(Sent& sent, ULONG code, void* output, ULONG outputLength);
 
     platform::Machine& machine_;
@@ -105,6 +107,8 @@ protected:
     /// Loads the driver with the behaviour set so far; the status is DriverEntry's.
     NTSTATUS Load();
     NTSTATUS Unload();
+    /// After a stop in the middle of a deletion: nobody will finish that or unload the driver.
+    void AbandonDriver();
     std::unique_ptr<Client> Open();
     /// Requests that the default queue's handler forwards to the parked queue from now on.
     void ParkRequests();
@@ -113,8 +117,7 @@ protected:
     /// The one that the driver got last by HoldRequests.
     WDFREQUEST LastHeld();
 
-    /// Expects `action` to stop the machine, with all of `words` in the message. What the stopped
-    /// call held is not counted as leaked.
+    /// Expects `action` to stop the machine, with all of `words` in the message.
     void ExpectStop(std::uint32_t code, const std::function<void()>& action,
                     const std::vector<std::string>& words);
     void ExpectFrameworkBugcheck(const std::function<void()>& action,

@@ -204,9 +204,12 @@ TEST_F(ObjectTest, SlotsThatAreNotOfferedSayTheirNumber) {
         {207, "WdfObjectCreate"}, {256, "WdfRequestUnmarkCancelable"}, {318, "WdfTimerCreate"}};
     int notOffered = 0;
     for (size_t index = 0; index < WDF_FUNCTION_COUNT; ++index) {
-        const auto call =
-            reinterpret_cast<void(NTAPI*)(PWDF_DRIVER_GLOBALS, PVOID)>(WdfFunctions[index]);
-        const auto record = platform::CatchBugcheck([&] { call(WdfDriverGlobals, &notOffered); });
+        // Offered functions stop at their first argument, a required one.
+        using AnyFunction =
+            void(NTAPI*)(PWDF_DRIVER_GLOBALS, PVOID, PVOID, PVOID, PVOID, PVOID, PVOID);
+        const auto call = reinterpret_cast<AnyFunction>(WdfFunctions[index]);
+        const auto record = platform::CatchBugcheck(
+            [&] { call(WdfDriverGlobals, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr); });
         ASSERT_TRUE(record.has_value()) << "slot " << index;
         if (record->parameters[0] != static_cast<std::uintptr_t>(Rule::kNotOffered)) continue;
         ++notOffered;

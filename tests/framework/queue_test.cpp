@@ -180,6 +180,42 @@ TEST_F(QueueTest, RequestsWithoutAHomeAreRefused) {
     EXPECT_EQ(client->Wait(*client->Send(kBuffered)), STATUS_SUCCESS);
 }
 
+TEST_F(QueueTest, DeviceWithoutDefaultQueueRefusesRequests) {
+    behaviour.makeDefaultQueue = false;
+    ASSERT_EQ(Load(), STATUS_SUCCESS);
+    {
+        const auto client = Open();
+        EXPECT_EQ(client->Wait(*client->Send(kBuffered)), STATUS_INVALID_DEVICE_REQUEST);
+    }
+    ASSERT_EQ(Unload(), STATUS_SUCCESS);
+    behaviour.inCallerContext = [](WDFDEVICE device, WDFREQUEST request) {
+        EXPECT_EQ(WdfDeviceEnqueueRequest(device, request), STATUS_INVALID_DEVICE_REQUEST);
+        WdfRequestComplete(request, STATUS_NO_MEMORY);  // the driver still owns it
+    };
+    ASSERT_EQ(Load(), STATUS_SUCCESS);
+    const auto client = Open();
+    EXPECT_EQ(client->Wait(*client->Send(kBuffered)), STATUS_NO_MEMORY);
+}
+
+TEST_F(QueueTest, RequestsWithoutAHandlerAreRefused) {
+    WDF_REQUEST_TYPE type = WdfRequestTypeCreate;
+    size_t length = 0;
+    behaviour.inCallerContext = [&](WDFDEVICE device, WDFREQUEST request) {
+        WDF_REQUEST_PARAMETERS parameters;
+        WDF_REQUEST_PARAMETERS_INIT(&parameters);
+        WdfRequestGetParameters(request, &parameters);
+        type = parameters.Type;
+        length = parameters.Parameters.ReadWrite.Length;
+        EXPECT_EQ(WdfDeviceEnqueueRequest(device, request), STATUS_SUCCESS);
+    };
+    ASSERT_EQ(Load(), STATUS_SUCCESS);
+    const auto client = Open();
+    EXPECT_EQ(client->Wait(*client->Write(std::vector<char>(5))), STATUS_INVALID_DEVICE_REQUEST);
+    EXPECT_EQ(type, WdfRequestTypeWrite);
+    EXPECT_EQ(length, 5U);
+    EXPECT_EQ(client->Wait(*client->Write({})), STATUS_SUCCESS) << "nothing to do is done at once";
+}
+
 // --- Finding and retrieving ----------------------------------------------------------------------
 
 TEST_F(QueueTest, FindWalksInOrderAndReferences) {

@@ -146,7 +146,7 @@ NTSTATUS CreateDeviceAndQueues() {
     NTSTATUS status = CreateDevice(init);
     if (init != nullptr) WdfDeviceInitFree(init);
     if (NT_SUCCESS(status)) status = WdfDeviceCreateSymbolicLink(objects.device, &kLinkName);
-    if (NT_SUCCESS(status)) status = CreateDefaultQueue();
+    if (NT_SUCCESS(status) && behaviour.makeDefaultQueue) status = CreateDefaultQueue();
     if (NT_SUCCESS(status)) {
         status =
             CreateManualQueue(objects.device, behaviour.cancelCallback, nullptr, &objects.parked);

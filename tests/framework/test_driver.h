@@ -30,6 +30,7 @@ struct Behaviour {
     // What CreateDeviceAndQueues makes.
     bool finishInitializing = true;
     bool exclusive = false;
+    bool makeDefaultQueue = true;
     bool cancelCallback = true;       ///< the parked queue has EvtIoCanceledOnQueue
     bool cancelDefaultQueue = false;  ///< so has the default queue
     ULONG presentedRequests = 0xFFFFFFFF;

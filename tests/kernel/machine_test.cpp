@@ -19,6 +19,7 @@ struct Script {
     bool leakAtEntry = false;
     bool leakAtUnload = false;
     bool registerNotify = false;
+    bool stopAtUnload = false;
 
     std::u16string registryPath;
     bool inSystemThread = false;
@@ -40,6 +41,7 @@ NTSTATUS NTAPI Accept(PDEVICE_OBJECT, PIRP irp) {
 
 void NTAPI Unload(PDRIVER_OBJECT) {
     ++script.unloads;
+    if (script.stopAtUnload) KeBugCheckEx(0x1234, 0, 0, 0, 0);
     EXPECT_TRUE(PsIsSystemThread(PsGetCurrentThread()));
     if (script.device != nullptr) DeleteDevice(std::exchange(script.device, nullptr));
     if (!script.leakAtUnload && script.block != nullptr) {
@@ -256,6 +258,33 @@ TEST_F(MachineTest, WhatIsLeftStopsTheMachineWhenItGoesDown) {
     }
     Machine clean;
     EXPECT_TRUE(clean.FindLeaks().None()) << "what an earlier machine left does not count";
+}
+
+TEST_F(MachineTest, AStoppedMachineLeavesTheNextOneAlone) {
+    std::optional<Machine> machine(std::in_place);
+    script.makeDevice = true;
+    script.registerNotify = true;
+    script.stopAtUnload = true;
+    ASSERT_EQ(machine->LoadDriver(Image()), STATUS_SUCCESS);
+    DEVICE_OBJECT* const first = script.device;
+    const PETHREAD before = PsGetCurrentThread();
+    const auto record = CatchBugcheck([&] { machine->UnloadDriver(u"mtest"); });
+    ASSERT_TRUE(record);
+    EXPECT_EQ(record->code, 0x1234u);
+    EXPECT_EQ(PsGetCurrentThread(), before) << "the system thread of the unload is left";
+    auto process = machine->StartProcess({});
+    machine->ForgetLeaks();
+    process = {};
+    machine.reset();
+    EXPECT_EQ(script.unloads, 1) << "the stopped driver is not called again";
+    DeleteDevice(first);
+
+    script = {};
+    script.makeDevice = true;
+    machine.emplace();
+    EXPECT_EQ(machine->LoadDriver(Image()), STATUS_SUCCESS) << "the device's name is free again";
+    EXPECT_EQ(machine->UnloadDriver(u"mtest"), STATUS_SUCCESS);
+    EXPECT_TRUE(machine->FindLeaks().None());
 }
 
 TEST_F(MachineTest, OnlyOneExistsAtATime) {

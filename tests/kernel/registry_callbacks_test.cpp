@@ -398,6 +398,28 @@ TEST_F(RegistryCallbacksTest, AClosedHandleIsToldOfBeforeItsContextGoes) {
     EXPECT_EQ(log_.Take(), Lines{});
 }
 
+TEST_F(RegistryCallbacksTest, TheEndOfAProcessClosesItsKeysInItsContext) {
+    const ObjectRef<Process> process = machine_.StartProcess({.imagePath = u"\\x.exe"});
+    const HANDLE id = reinterpret_cast<HANDLE>(process->Id());
+    TestCallback* self = nullptr;
+    TestCallback callback(log_, "c", u"1", [&](REG_NOTIFY_CLASS c, void* information) {
+        EXPECT_EQ(PsGetCurrentProcessId(), id);
+        if (c == RegNtPostOpenKeyEx) self->SetContext(Post(information).Object, Number(1));
+        return STATUS_SUCCESS;
+    });
+    self = &callback;
+    {
+        const ThreadScope thread(*process);
+        UNICODE_STRING name = Describe(kTestKey);
+        OBJECT_ATTRIBUTES attributes;
+        InitializeObjectAttributes(&attributes, &name, 0, nullptr, nullptr);
+        HANDLE left = nullptr;
+        ASSERT_EQ(NtOpenKey(&left, KEY_READ, &attributes), STATUS_SUCCESS);
+    }
+    machine_.ExitProcess(*process);
+    EXPECT_EQ(log_.Take(), (Lines{"c 28", "c 29", "c 14", "c 25", "c 40"}));
+}
+
 TEST_F(RegistryCallbacksTest, UnregisteringCleansUpEveryContext) {
     std::vector<void*> cleaned;
     TestCallback callback(log_, "c", u"1", [&](REG_NOTIFY_CLASS c, void* information) {

@@ -149,7 +149,7 @@ inline constexpr std::u16string_view kTestKey = u"\\Registry\\Machine\\Test";
 
 /// The machine reports what a test leaves open or registered.
 class RegistryTest : public ::testing::Test {
-private:
+protected:
     Machine machine_;
 };
 

@@ -17,8 +17,8 @@ HANDLE Open(std::u16string path, ULONG disposition, ULONG options) {
     HANDLE file = nullptr;
     IO_STATUS_BLOCK ioStatus = {};
     const NTSTATUS status =
-        NtCreateFile(&file, GENERIC_READ | GENERIC_WRITE, &attributes, &ioStatus, nullptr, 0, 0,
-                     disposition, options, nullptr, 0);
+        NtCreateFile(&file, GENERIC_READ | GENERIC_WRITE | SYNCHRONIZE, &attributes, &ioStatus,
+                     nullptr, 0, 0, disposition, options, nullptr, 0);
     return NT_SUCCESS(status) ? file : nullptr;
 }
 
@@ -103,8 +103,8 @@ NTSTATUS LendingClient::Flush() {
 }
 
 NTSTATUS LendingClient::SetDumpFile(const std::string& path) {
-    HANDLE file = Open(u"\\??\\Host\\" + platform::ToUtf16(path), FILE_OVERWRITE_IF,
-                       FILE_SYNCHRONOUS_IO_NONALERT);
+    HANDLE file =
+        Open(platform::HostFileName(path), FILE_OVERWRITE_IF, FILE_SYNCHRONOUS_IO_NONALERT);
     const auto number = static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(file));
     IO_STATUS_BLOCK ioStatus = {};
     const NTSTATUS status = NtDeviceIoControlFile(

@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include <unistd.h>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -128,17 +129,6 @@ protected:
         std::remove(dumpPath_.c_str());
     }
 
-    /// Lends, cancels and flushes until `stop`, then has everything delivered.
-    void RunClient(const std::atomic<bool>& stop, const std::atomic<bool>& workersDone,
-                   unsigned seed, LendingClient& client) const {
-        for (unsigned i = seed; !stop.load(std::memory_order_relaxed); ++i) {
-            client.Step(i % 4 == 0);
-            if (i % 16 == 0) client.Flush();
-            std::this_thread::yield();
-        }
-        workersDone.wait(false);
-    }
-
     platform::Machine machine_;
     platform::ObjectRef<platform::Process> client_;
     platform::ObjectRef<platform::Process> monitored_;
@@ -223,13 +213,15 @@ TEST_P(RoadStressTest, EveryWrittenRecordArrives) {
         for (const auto& [id, count] : arrived)
             ASSERT_LE(count, expected[id]);
         EXPECT_EQ(Total(arrived), RecordsWritten());
-        EXPECT_EQ(Total(expected) - Total(arrived), Total(expected) - RecordsWritten());
     }
     EXPECT_GT(Total(dumped), 0);
 }
 
-INSTANTIATE_TEST_SUITE_P(Dumping, RoadStressTest, testing::Bool(),
-                         [](const auto& info) { return info.param ? "all" : "cancelled"; });
+std::string DumpName(const testing::TestParamInfo<bool>& parameter) {
+    return parameter.param ? "AllDumped" : "CancelledDumped";
+}
+
+INSTANTIATE_TEST_SUITE_P(Road, RoadStressTest, testing::Bool(), DumpName);
 
 }  // namespace
 

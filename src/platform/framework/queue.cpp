@@ -325,6 +325,7 @@ void Queue::OnCancelIrp(DEVICE_OBJECT* /*device*/, IRP* irp) {
         keep = ObjectPtr<Queue>(&queue);
         queue.TakeOut(request, RequestState::kCancelling);
     }
+    // Windows calls back at any level up to this one; the highest shows what is not fit for it.
     queue.FinishCancel(request, DISPATCH_LEVEL);
 }
 

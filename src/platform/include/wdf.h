@@ -134,6 +134,8 @@ using EVT_WDF_IO_QUEUE_IO_DEVICE_CONTROL = void NTAPI(WDFQUEUE queue, WDFREQUEST
                                                       ULONG controlCode);
 using EVT_WDF_IO_QUEUE_IO_STOP = void NTAPI(WDFQUEUE queue, WDFREQUEST request, ULONG flags);
 using EVT_WDF_IO_QUEUE_IO_RESUME = void NTAPI(WDFQUEUE queue, WDFREQUEST request);
+/// IRQL <= DISPATCH_LEVEL. The platform calls it at DISPATCH_LEVEL when the sender cancels the
+/// request, and at the canceller's level when its file is closed or its queue purged or deleted.
 using EVT_WDF_IO_QUEUE_IO_CANCELED_ON_QUEUE = void NTAPI(WDFQUEUE queue, WDFREQUEST request);
 using EVT_WDF_IO_QUEUE_STATE = void NTAPI(WDFQUEUE queue, WDFCONTEXT context);
 using EVT_WDF_WORKITEM = void NTAPI(WDFWORKITEM workItem);

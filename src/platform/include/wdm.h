@@ -478,12 +478,6 @@ inline void KeInitializeSpinLock(PKSPIN_LOCK lock) {
     *lock = 0;
 }
 
-#if !defined(_WIN32)
-// The platform can make this allocation fail too, although it is inline.
-extern "C" volatile LONG KiFaultsPlanned;
-extern "C" BOOLEAN NTAPI KiFailAllocation(const char* routine, ULONG tag);
-#endif
-
 inline USHORT QueryDepthSList(const SLIST_HEADER* head) {
     return static_cast<USHORT>(__atomic_load_n(&head->Alignment, __ATOMIC_RELAXED) & 0xFFFF);
 }
@@ -493,12 +487,6 @@ inline USHORT QueryDepthSList(const SLIST_HEADER* head) {
 #if defined(_WIN32)
 inline PVOID ExAllocateFromNPagedLookasideList(PNPAGED_LOOKASIDE_LIST list) {
     GENERAL_LOOKASIDE& l = list->L;
-#if !defined(_WIN32)
-    if (ReadNoFence(&KiFaultsPlanned) != 0 &&
-        KiFailAllocation("ExAllocateFromNPagedLookasideList", l.Tag)) {
-        return nullptr;
-    }
-#endif
     __atomic_fetch_add(&l.TotalAllocates, 1, __ATOMIC_RELAXED);
     PVOID block = ExpInterlockedPopEntrySList(&l.ListHead);
     if (block == nullptr) {

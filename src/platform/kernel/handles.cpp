@@ -60,6 +60,22 @@ NTSTATUS CloseIn(HandleTable& table, Process* owner, HANDLE handle) {
     return status;
 }
 
+bool IsOfType(HandleTable& table, HANDLE handle, const ObjectType* type) {
+    ACCESS_MASK granted = 0;
+    void* body = table.Reference(handle, &granted);
+    if (body == nullptr) return false;
+    const bool isOfType = TypeOf(body) == type;
+    DereferenceObject(body);
+    return isOfType;
+}
+
+void CloseTable(HandleTable& table, Process* owner, const ObjectType* spared) {
+    for (HANDLE handle : table.OpenHandles()) {
+        if (spared != nullptr && IsOfType(table, handle, spared)) continue;
+        CloseIn(table, owner, handle);
+    }
+}
+
 }  // namespace
 
 bool IsKernelHandle(HANDLE handle) {
@@ -106,17 +122,12 @@ NTSTATUS CloseHandle(HANDLE handle, KPROCESSOR_MODE mode) {
     return status;
 }
 
-void CloseAllHandles(Process& process) {
-    HandleTable& table = process.Handles();
-    for (HANDLE handle : table.OpenHandles()) {
-        CloseIn(table, &process, handle);
-    }
+void CloseAllHandles(Process& process, const ObjectType* spared) {
+    CloseTable(process.Handles(), &process, spared);
 }
 
-void CloseKernelHandles() {
-    for (HANDLE handle : KernelHandles().OpenHandles()) {
-        CloseIn(KernelHandles(), nullptr, handle);
-    }
+void CloseKernelHandles(const ObjectType* spared) {
+    CloseTable(KernelHandles(), nullptr, spared);
 }
 
 }  // namespace platform

@@ -18,15 +18,19 @@ struct NameEntry {
 };
 
 struct NameSpace {
-    std::shared_mutex lock;
-    std::map<std::u16string, NameEntry, std::less<>> entries;
+    using Entries = std::map<std::u16string, NameEntry, std::less<>>;
 
-    NameSpace() {
+    std::shared_mutex lock;
+    Entries entries = Directories();
+
+    static Entries Directories() {
+        Entries entries;
         for (const char16_t* directory :
              {u"", u"\\DEVICE", u"\\DRIVER", u"\\BASENAMEDOBJECTS", u"\\??"}) {
             entries[directory] = {};
         }
         entries[u"\\DOSDEVICES"] = {NameEntry::Kind::kLink, u"\\??", nullptr};
+        return entries;
     }
 };
 
@@ -124,6 +128,15 @@ void RemoveName(std::u16string_view path) {
         names.entries.erase(found);
     }
     if (body != nullptr) DereferenceObject(body);
+}
+
+void ForgetNames() {
+    static std::vector<void*> forgotten;  // keeps the objects reachable
+    NameSpace& names = Names();
+    const std::unique_lock guard(names.lock);
+    for (const auto& [path, entry] : std::exchange(names.entries, NameSpace::Directories())) {
+        if (entry.body != nullptr) forgotten.push_back(entry.body);
+    }
 }
 
 NTSTATUS LookupNamedObject(std::u16string_view path, void** body) {

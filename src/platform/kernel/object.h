@@ -125,6 +125,9 @@ NTSTATUS InsertNamedObject(void* body, std::u16string_view path);
 NTSTATUS InsertNameLink(std::u16string_view path, std::u16string_view target);
 /// Removes the object or link of this name itself; nothing happens when there is none.
 void RemoveName(std::u16string_view path);
+/// Forgets every name but the directories, after a machine was stopped. The name space's references
+/// to the objects are not given back, since destroying them may need drivers.
+void ForgetNames();
 /// Finds the object, following links; the reference is the caller's.
 NTSTATUS LookupNamedObject(std::u16string_view path, void** body);
 
@@ -149,10 +152,11 @@ NTSTATUS ReferenceHandle(HANDLE handle, ACCESS_MASK desired, const ObjectType& t
 /// Runs the type's `closing` around the removal of the handle, then its `close`, and gives back the
 /// handle's reference. Kernel mode closes handles of the kernel and of the current process.
 NTSTATUS CloseHandle(HANDLE handle, KPROCESSOR_MODE mode);
-/// Closes every handle of `process`, which must be the current one.
-void CloseAllHandles(Process& process);
-/// Closes every handle of the kernel's table, for the end of a machine.
-void CloseKernelHandles();
+/// Closes every handle of `process`, which must be the current one, but those to objects of type
+/// `spared`.
+void CloseAllHandles(Process& process, const ObjectType* spared = nullptr);
+/// Closes the handles of the kernel's table likewise, for the end of a machine.
+void CloseKernelHandles(const ObjectType* spared = nullptr);
 /// Whether the handle's value is one of the kernel's table.
 bool IsKernelHandle(HANDLE handle);
 

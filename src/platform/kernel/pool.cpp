@@ -12,19 +12,6 @@ namespace platform {
 
 namespace {
 
-/// Before each block's contents; what freeing and accounting need when the verifier is off.
-struct Header {
-    std::size_t size;
-    std::uint32_t tag;
-    std::uint16_t type;
-    std::uint16_t mark;
-};
-static_assert(sizeof(Header) == 16 && sizeof(Header) == kLeadingZone);
-
-constexpr std::uint16_t kPlainMark = 0x6C50;
-constexpr std::uint16_t kVerifiedMark = 0x6656;
-constexpr std::uint16_t kFreedMark = 0x6446;
-
 // Larger requests fail, as they do on any machine.
 constexpr std::size_t kLargestBlock = std::size_t{1} << 36;
 
@@ -46,10 +33,6 @@ void CheckRequest(POOL_TYPE type, std::size_t size, std::uint32_t tag) {
     RequireIrql(routine, HighestLevel(type));
 }
 
-Header* HeaderOf(void* block) {
-    return static_cast<Header*>(block) - 1;
-}
-
 /// False when the registry does not know the address.
 bool FreeVerified(const char* routine, void* block, std::uint32_t tag) {
     PoolBlock facts;
@@ -59,11 +42,14 @@ bool FreeVerified(const char* routine, void* block, std::uint32_t tag) {
     return true;
 }
 
+PoolHeader* HeaderOf(void* block) {
+    return static_cast<PoolHeader*>(block) - 1;
+}
+
 /// Frees a block that was allocated while the verifier was off.
 void FreePlain(void* block) {
-    Header* const header = HeaderOf(block);
+    PoolHeader* const header = HeaderOf(block);
     CountFree(header->tag, header->size);
-    header->mark = kFreedMark;
     std::free(header);
 }
 
@@ -73,13 +59,16 @@ void* AllocatePool(POOL_TYPE type, std::size_t size, std::uint32_t tag) {
     const bool verify = VerifierEnabled();
     if (verify) CheckRequest(type, size, tag);
     if (size > kLargestBlock) return nullptr;
-    const std::size_t zones = sizeof(Header) + (verify ? kTrailingZone : 0);
-    auto* const header = static_cast<Header*>(std::malloc(size + zones));
+    const std::size_t extra = sizeof(PoolHeader) + (verify ? kTrailingZone : 0);
+    auto* const header = static_cast<PoolHeader*>(std::malloc(size + extra));
     if (header == nullptr) return nullptr;
-    *header = {size, tag, static_cast<std::uint16_t>(type), verify ? kVerifiedMark : kPlainMark};
     CountAllocation(tag, size);
     void* const block = header + 1;
-    if (verify) EnterBlock(block, {size, tag, type});
+    if (verify) {
+        EnterBlock(block, {size, tag, type});
+    } else {
+        *header = {size, tag, static_cast<std::uint16_t>(type), kPlainMark};
+    }
     return block;
 }
 

@@ -56,9 +56,19 @@ bool AllBytes(const unsigned char* bytes, std::size_t size, unsigned char value)
     return std::all_of(bytes, bytes + size, [value](unsigned char byte) { return byte == value; });
 }
 
+PoolHeader* HeaderOf(void* block) {
+    return static_cast<PoolHeader*>(block) - 1;
+}
+
+PoolHeader ExpectedHeader(const PoolBlock& facts) {
+    return {facts.size, facts.tag, static_cast<std::uint16_t>(facts.type), kVerifiedMark};
+}
+
 // The address sanitizer reports a stray access itself, at the access; zones are poisoned then.
-bool ZoneIntact(void* block, std::size_t size) {
-    return kAddressSanitizer || AllBytes(Bytes(block) + size, kTrailingZone, kZoneByte);
+bool ZonesIntact(void* block, const PoolBlock& facts) {
+    if (kAddressSanitizer) return true;
+    return *HeaderOf(block) == ExpectedHeader(facts) &&
+           AllBytes(Bytes(block) + facts.size, kTrailingZone, kZoneByte);
 }
 
 bool UntouchedSinceFree(const RetiredBlock& retired) {
@@ -66,8 +76,8 @@ bool UntouchedSinceFree(const RetiredBlock& retired) {
 }
 
 void ReleaseMemory(const RetiredBlock& retired) {
-    unsigned char* const memory = Bytes(retired.block) - kLeadingZone;
-    Unpoison(memory, kLeadingZone + retired.facts.size + kTrailingZone);
+    PoolHeader* const memory = HeaderOf(retired.block);
+    Unpoison(memory, sizeof(PoolHeader) + retired.facts.size + kTrailingZone);
     std::free(memory);
 }
 
@@ -110,7 +120,7 @@ public:
         facts = found->second;
         if (facts.cached) return Finding::kCached;
         if (tag != 0 && tag != facts.tag) return Finding::kWrongTag;
-        if (!ZoneIntact(block, facts.size)) return Finding::kOverrun;
+        if (!ZonesIntact(block, facts)) return Finding::kOverrun;
         live_.erase(found);
         return Finding::kGood;
     }
@@ -144,13 +154,13 @@ public:
         return true;
     }
 
-    /// The first live block that was written beyond its end, then the first freed one that was
+    /// The first live block that was written outside its bounds, then the first freed one that was
     /// written to; a null block when all are good.
     RetiredBlock FindDamage(bool& freed) {
         const std::lock_guard guard(lock_);
         freed = false;
         for (const auto& [block, facts] : live_) {
-            if (!ZoneIntact(block, facts.size)) return {block, facts};
+            if (!ZonesIntact(block, facts)) return {block, facts};
         }
         freed = true;
         for (const RetiredBlock& retired : quarantine_) {
@@ -197,7 +207,7 @@ Registry& Books() {
                           " is freed with tag " + TagText(tag),
                       block, facts.tag);
         case Finding::kOverrun:
-            Corrupted(routine, "beyond its end", block, facts);
+            Corrupted(routine, "outside its bounds", block, facts);
         case Finding::kFreedBefore:
         case Finding::kUnknown:
         case Finding::kGood:
@@ -213,7 +223,8 @@ Registry& Books() {
 void EnterBlock(void* block, const PoolBlock& facts) {
     std::memset(block, kNewByte, facts.size);
     std::memset(Bytes(block) + facts.size, kZoneByte, kTrailingZone);
-    Poison(Bytes(block) - kLeadingZone, kLeadingZone);
+    *HeaderOf(block) = ExpectedHeader(facts);
+    Poison(HeaderOf(block), sizeof(PoolHeader));
     Poison(Bytes(block) + facts.size, kTrailingZone);
     Books().Enter(block, facts);
 }
@@ -260,7 +271,7 @@ void CheckPool() {
     bool freed = false;
     const RetiredBlock damage = Books().FindDamage(freed);
     if (damage.block == nullptr) return;
-    Corrupted("CheckPool", freed ? "after it was freed" : "beyond its end", damage.block,
+    Corrupted("CheckPool", freed ? "after it was freed" : "outside its bounds", damage.block,
               damage.facts);
 }
 

@@ -16,12 +16,25 @@ struct PoolBlock {
     bool cached = false;  ///< resting in a lookaside list
 };
 
-/// Bytes that a verified block takes before and behind its contents.
-inline constexpr std::size_t kLeadingZone = 16;
+/// Stands directly before each block's contents: what freeing and accounting need when the verifier
+/// is off, and a red zone when it is on.
+struct PoolHeader {
+    std::size_t size;
+    std::uint32_t tag;
+    std::uint16_t type;
+    std::uint16_t mark;
+
+    bool operator==(const PoolHeader&) const = default;
+};
+static_assert(sizeof(PoolHeader) == 16, "keeps the contents aligned");
+
+inline constexpr std::uint16_t kPlainMark = 0x6C50;
+inline constexpr std::uint16_t kVerifiedMark = 0x6656;
+
+/// Bytes that a verified block takes behind its contents.
 inline constexpr std::size_t kTrailingZone = 16;
 
-/// Enters the block whose contents begin at `block`; its memory begins kLeadingZone before. Fills
-/// the contents and the trailing zone.
+/// Enters the block whose contents begin at `block`, and fills its header, contents and red zone.
 void EnterBlock(void* block, const PoolBlock& facts);
 
 /// Whether the address is a live verified block; its facts.

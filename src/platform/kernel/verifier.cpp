@@ -1,11 +1,16 @@
 #include "platform/kernel/verifier.h"
 
 #include "platform/kernel/held_locks.h"
+#include "platform/kernel/process.h"
 
 #include <csetjmp>
 #include <cstdio>
 #include <cstdlib>
 #include <utility>
+
+#if defined(__SANITIZE_ADDRESS__)
+#include <sanitizer/lsan_interface.h>
+#endif
 
 namespace platform {
 
@@ -23,11 +28,42 @@ void IrqlTooHigh(const char* routine, KIRQL highest) {
 
 namespace {
 
-struct Catcher {
-    std::jmp_buf back;
-    BugcheckRecord record;
+/// Where a stopped thread goes on; frames nest on their thread's stack.
+struct CatchFrame {
+    CatchFrame* outer;
+    KIRQL irql;
+    HeldLocksMark locks;
+    sigjmp_buf back;
+    std::optional<BugcheckRecord> record;
 };
-thread_local constinit Catcher* catcher = nullptr;
+constinit thread_local CatchFrame* innermostFrame = nullptr;
+
+/// Enters a frame for its lifetime, also when an exception of a test passes through.
+class FrameScope {
+public:
+    explicit FrameScope(CatchFrame& frame) { innermostFrame = &frame; }
+    ~FrameScope() { innermostFrame = innermostFrame->outer; }
+    FrameScope(const FrameScope&) = delete;
+    FrameScope& operator=(const FrameScope&) = delete;
+};
+
+/// What stopped code allocated stays allocated, and is no leak to report.
+class LeaksExpected {
+public:
+#if defined(__SANITIZE_ADDRESS__)
+    LeaksExpected() {
+        __lsan_disable();
+    }
+    ~LeaksExpected() {
+        __lsan_enable();
+    }
+#else
+    LeaksExpected() {}
+    ~LeaksExpected() {}
+#endif
+    LeaksExpected(const LeaksExpected&) = delete;
+    LeaksExpected& operator=(const LeaksExpected&) = delete;
+};
 
 const char* RuleName(Rule rule) {
     switch (rule) {
@@ -77,19 +113,19 @@ const char* RuleName(Rule rule) {
     return "unknown rule";
 }
 
-/// In a frame of its own, so that nothing that the caller keeps in registers is lost by the jump.
-[[gnu::noinline]] bool RunCatching(Catcher& own, const std::function<void()>& action) {
-    if (setjmp(own.back) != 0) return false;
-    action();
-    return true;
+/// In a function of its own, so that nothing that the caller keeps in registers is lost by the
+/// jump.
+[[gnu::noinline]] void RunCatching(CatchFrame& frame, const std::function<void()>& action) {
+    if (sigsetjmp(frame.back, 0) == 0) action();
 }
 
 }  // namespace
 
 void StopMachine(BugcheckRecord record) {
-    if (catcher != nullptr) {
-        catcher->record = std::move(record);
-        std::longjmp(catcher->back, 1);
+    CatchFrame* const frame = innermostFrame;
+    if (frame != nullptr) {
+        frame->record = std::move(record);
+        siglongjmp(frame->back, 1);
     }
     std::fprintf(stderr, "*** STOP 0x%08X (%#zx, %#zx, %#zx, %#zx) %s\n", record.code,
                  record.parameters[0], record.parameters[1], record.parameters[2],
@@ -98,47 +134,49 @@ void StopMachine(BugcheckRecord record) {
 }
 
 void Violation(Rule rule, std::string message, const void* object, std::uint32_t tag) {
-    BugcheckRecord record;
-    record.code = kVerifierBugcheck;
-    record.parameters[0] = static_cast<std::uintptr_t>(rule);
-    record.parameters[1] = reinterpret_cast<std::uintptr_t>(object);
-    record.parameters[2] = tag;
-    record.message = std::string(RuleName(rule)) + ": " + message;
-    if (tag != 0) record.message += ", tag " + TagText(tag);
-    StopMachine(std::move(record));
+    message.insert(0, std::string(RuleName(rule)) + ": ");
+    if (tag != 0) message += ", tag " + TagText(tag);
+    StopMachine(
+        {kVerifierBugcheck,
+         {static_cast<std::uintptr_t>(rule), reinterpret_cast<std::uintptr_t>(object), tag, 0},
+         std::move(message)});
 }
 
 std::optional<BugcheckRecord> CatchBugcheck(const std::function<void()>& action) {
-    Catcher own;
-    Catcher* const outer = std::exchange(catcher, &own);
-    const KIRQL irql = currentIrql;
-    const HeldLocksMark mark = MarkHeldLocks();
-    const bool finished = RunCatching(own, action);
-    catcher = outer;
-    if (finished) return std::nullopt;
-    currentIrql = irql;
-    ReturnToMark(mark);
-    return std::move(own.record);
+    const LeaksExpected leaksExpected;
+    CatchFrame frame{innermostFrame, currentIrql, MarkHeldLocks(), {}, std::nullopt};
+    const FrameScope scope(frame);
+    const HostThreadState hostThread = SaveHostThread();
+    RunCatching(frame, action);
+    if (frame.record) {
+        currentIrql = frame.irql;
+        ReturnToMark(frame.locks);
+        RestoreHostThread(hostThread);
+    }
+    return std::move(frame.record);
 }
 
 void EnableVerifier(bool on) {
+    if (VerifierEnabled() != on) ForgetAllLocks();
     verifier_detail::enabled.store(on, std::memory_order_relaxed);
 }
 
 CallbackCheck::CallbackCheck(const char* callback)
     : callback_(callback), irql_(currentIrql), locksHeld_(LocksHeld()) {}
 
+// Locks first: one that is still held often explains the level.
 CallbackCheck::~CallbackCheck() {
     if (!VerifierEnabled()) return;
+    if (LocksHeld() != locksHeld_) {
+        Violation(Rule::kLockLeaked,
+                  std::string(callback_) + " returned with " + std::to_string(LocksHeld()) +
+                      " locks held, called with " + std::to_string(locksHeld_),
+                  InnermostLock());
+    }
     if (currentIrql != irql_) {
         Violation(Rule::kIrqlLeaked, std::string(callback_) + " returned at IRQL " +
                                          std::to_string(currentIrql) + ", called at " +
                                          std::to_string(irql_));
-    }
-    if (LocksHeld() != locksHeld_) {
-        Violation(Rule::kLockLeaked, std::string(callback_) + " returned with " +
-                                         std::to_string(LocksHeld()) + " locks held, called with " +
-                                         std::to_string(locksHeld_));
     }
 }
 
@@ -155,12 +193,5 @@ std::string TagText(std::uint32_t tag) {
 
 extern "C" void NTAPI KeBugCheckEx(ULONG code, ULONG_PTR parameter1, ULONG_PTR parameter2,
                                    ULONG_PTR parameter3, ULONG_PTR parameter4) {
-    platform::BugcheckRecord record;
-    record.code = code;
-    record.parameters[0] = parameter1;
-    record.parameters[1] = parameter2;
-    record.parameters[2] = parameter3;
-    record.parameters[3] = parameter4;
-    record.message = "KeBugCheckEx";
-    platform::StopMachine(std::move(record));
+    platform::StopMachine({code, {parameter1, parameter2, parameter3, parameter4}, "KeBugCheckEx"});
 }
