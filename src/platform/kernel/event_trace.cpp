@@ -84,8 +84,18 @@ void Notify(const Provider& provider, bool enable, UCHAR level, ULONGLONG keywor
         level, keywords, 0, nullptr, provider.context);
 }
 
+/// Makes writers of the provider look at its session, or pass it by. controlLock is held.
+void SetEnabledHints(const GUID& id, bool enabled) {
+    for (Provider& provider : providers) {
+        if (provider.handle.load() == 0 || !Same(provider.id, id)) continue;
+        provider.enabled.store(enabled, std::memory_order_relaxed);
+    }
+}
+
 void Control(const GUID& id, bool enable, UCHAR level, ULONGLONG keywords) {
     const std::lock_guard control(controlLock);
+    // Writers that never pause would keep the lock shared for ever.
+    SetEnabledHints(id, false);
     {
         const std::unique_lock change(sessionLock);
         Session& session = *FindSession(id);
@@ -94,9 +104,9 @@ void Control(const GUID& id, bool enable, UCHAR level, ULONGLONG keywords) {
         session.level = level;
         session.keywords = keywords;
     }
-    for (Provider& provider : providers) {
+    SetEnabledHints(id, enable);
+    for (const Provider& provider : providers) {
         if (provider.handle.load() == 0 || !Same(provider.id, id)) continue;
-        provider.enabled.store(enable, std::memory_order_relaxed);
         Notify(provider, enable, level, keywords);
     }
 }
