@@ -46,7 +46,7 @@ void DescribeCount(std::vector<std::string>& lines, long count, const std::strin
 /// Cuts a stopped machine off from its drivers: they are told of nothing any more. Their files stay
 /// open for ever.
 void AbandonDrivers() {
-    static std::vector<ObjectRef<Process>> abandoned;
+    static auto& abandoned = *new std::vector<ObjectRef<Process>>;  // never destroyed
     DropRegistryCallbacks();
     ForgetProcessNotifyRoutines();
     ForgetProviders();

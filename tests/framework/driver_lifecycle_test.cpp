@@ -25,6 +25,18 @@ struct BoundDriver {
 
     NTSTATUS Bind() { return WdfVersionBind(&object, &path, &info, &globals); }
     NTSTATUS Unbind() { return WdfVersionUnbind(&path, &info, globals); }
+    NTSTATUS Create(PWDF_OBJECT_ATTRIBUTES attributes, WDF_DRIVER_CONFIG& config,
+                    WDFDRIVER* driver) {
+        using Function = NTSTATUS(NTAPI*)(PWDF_DRIVER_GLOBALS, PDRIVER_OBJECT, PCUNICODE_STRING,
+                                          PWDF_OBJECT_ATTRIBUTES, PWDF_DRIVER_CONFIG, WDFDRIVER*);
+        return reinterpret_cast<Function>(table[WdfDriverCreateTableIndex])(
+            globals, &object, &path, attributes, &config, driver);
+    }
+    /// WdfObjectReferenceActual and WdfObjectDereferenceActual.
+    void Call(ULONG index, WDFOBJECT handle) {
+        using Function = void(NTAPI*)(PWDF_DRIVER_GLOBALS, WDFOBJECT, PVOID, LONG, PCHAR);
+        reinterpret_cast<Function>(table[index])(globals, handle, nullptr, 0, nullptr);
+    }
 };
 
 TEST_F(DriverLifecycleTest, BindChecksWhatTheDriverWasBuiltAgainst) {
@@ -97,9 +109,6 @@ TEST_F(DriverLifecycleTest, DriverCreateChecksItsArguments) {
     };
     BoundDriver driver;
     ASSERT_EQ(driver.Bind(), STATUS_SUCCESS);
-    using Create = NTSTATUS(NTAPI*)(PWDF_DRIVER_GLOBALS, PDRIVER_OBJECT, PCUNICODE_STRING,
-                                    PWDF_OBJECT_ATTRIBUTES, PWDF_DRIVER_CONFIG, WDFDRIVER*);
-    const auto create = reinterpret_cast<Create>(driver.table[WdfDriverCreateTableIndex]);
     for (const Case& one : cases) {
         SCOPED_TRACE(one.what);
         WDF_DRIVER_CONFIG config;
@@ -109,9 +118,7 @@ TEST_F(DriverLifecycleTest, DriverCreateChecksItsArguments) {
         WDF_OBJECT_ATTRIBUTES_INIT(&attributes);
         one.change(config, attributes);
         WDFDRIVER handle = nullptr;
-        EXPECT_EQ(
-            create(driver.globals, &driver.object, &driver.path, &attributes, &config, &handle),
-            one.status);
+        EXPECT_EQ(driver.Create(&attributes, config, &handle), one.status);
         EXPECT_EQ(handle != nullptr, one.status == STATUS_SUCCESS);
     }
     EXPECT_EQ(driver.object.DriverUnload, nullptr) << "no EvtDriverUnload was given";
@@ -187,11 +194,18 @@ TEST_F(DriverLifecycleTest, EveryFailingStepIsReportedAndUndone) {
 }
 
 TEST_F(DriverLifecycleTest, LeakedReferencesStopTheUnbind) {
-    ASSERT_EQ(Load(), STATUS_SUCCESS);
-    WdfObjectReference(objects.parked);
-    ExpectViolation(Rule::kObjectLeaked, [&] { Unload(); },
-                    {"WdfVersionUnbind", "WDFQUEUE", "the driver's 1"});
-    AbandonDriver();
+    BoundDriver driver;
+    ASSERT_EQ(driver.Bind(), STATUS_SUCCESS);
+    WDF_DRIVER_CONFIG config;
+    WDF_DRIVER_CONFIG_INIT(&config, nullptr);
+    config.DriverInitFlags = WdfDriverInitNonPnpDriver;
+    WDFDRIVER handle = nullptr;
+    ASSERT_EQ(driver.Create(nullptr, config, &handle), STATUS_SUCCESS);
+    driver.Call(WdfObjectReferenceActualTableIndex, handle);
+    ExpectViolation(Rule::kObjectLeaked, [&] { driver.Unbind(); },
+                    {"WdfVersionUnbind", "WDFDRIVER", "the driver's 1"});
+    driver.Call(WdfObjectDereferenceActualTableIndex, handle);
+    EXPECT_EQ(driver.Unbind(), STATUS_SUCCESS);
 }
 
 // --- Control devices -----------------------------------------------------------------------------

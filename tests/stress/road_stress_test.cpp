@@ -22,10 +22,10 @@ namespace {
 constexpr char16_t kClientImage[] = u"\\Device\\HarddiskVolume1\\client.exe";
 constexpr int kWorkers = 8;
 
-/// A minute where races are looked for; a moment elsewhere.
+/// Together a minute where races are looked for; a moment elsewhere.
 std::chrono::seconds WorkTime() {
 #if defined(__SANITIZE_THREAD__)
-    constexpr int kSeconds = 60;
+    constexpr int kSeconds = 30;
 #else
     constexpr int kSeconds = 5;
 #endif

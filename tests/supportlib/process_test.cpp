@@ -316,7 +316,10 @@ TEST_F(ProcessTest, ARequestThatRacesTheEndOfAProcessLeavesNoRecord) {
     for (const auto& process : processes) {
         EXPECT_EQ(Tracked(tracking, IdOf(*process)).status, STATUS_INVALID_CID);
     }
-    machine->ExitProcess(*Start());
+    // Each end looks at two of those that are remembered as ended.
+    for (int i = 0; i < kProcesses; ++i) {
+        machine->ExitProcess(*Start());
+    }
     EXPECT_LE(platform::QueryPoolUsage(zpklib::kProcessTag).blocks, 8u);
 }
 

@@ -115,6 +115,7 @@ void EndOpen(ObjectRef<DEVICE_OBJECT> device) {
         if (--device->openFiles == 0 && device->deleted) UnlinkDevice(device.get());
         if (AnyDeviceOpen(driver)) return;
     }
+    device = {};  // with it goes a deleted device, before its driver may
     OnDriverDevicesClosed(driver);
 }
 

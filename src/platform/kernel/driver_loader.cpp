@@ -208,8 +208,9 @@ void ForgetDrivers() {
     for (const auto& driver : loader.drivers) {
         AbandonDriver(driver->object.get());
     }
-    // Their objects stay: devices that the stopped driver has not deleted refer to them.
-    static std::vector<std::shared_ptr<LoadedDriver>> forgotten;
+    // Their objects stay, also beyond the end of the host process's statics: devices that the
+    // stopped driver has not deleted refer to them.
+    static auto& forgotten = *new std::vector<std::shared_ptr<LoadedDriver>>;
     forgotten.insert(forgotten.end(), loader.drivers.begin(), loader.drivers.end());
     loader.drivers.clear();
 }

@@ -126,8 +126,9 @@ TraceEvent CopyEvent(const EVENT_DESCRIPTOR& descriptor, ULONG count,
 template <typename Character>
 std::basic_string<Character> TextOf(const std::vector<std::byte>& argument) {
     std::basic_string<Character> text(argument.size() / sizeof(Character), 0);
+    if (text.empty()) return text;
     std::memcpy(text.data(), argument.data(), text.size() * sizeof(Character));
-    if (!text.empty() && text.back() == 0) text.pop_back();
+    if (text.back() == 0) text.pop_back();
     return text;
 }
 

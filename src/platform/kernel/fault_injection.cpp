@@ -36,7 +36,7 @@ constinit thread_local unsigned suspensions = 0;
 
 }  // namespace
 
-std::optional<NTSTATUS> fault_detail::Ask(const char* routine, std::uint32_t tag) {
+std::optional<NTSTATUS> NTAPI fault_detail::Ask(const char* routine, std::uint32_t tag) {
     if (suspensions != 0) return std::nullopt;
     const std::lock_guard guard(planLock);
     if (!activePlan || !activePlan->Matches(routine, tag)) return std::nullopt;

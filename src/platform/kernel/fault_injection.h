@@ -52,7 +52,7 @@ public:
 
 namespace fault_detail {
 extern std::atomic<bool> planned;
-std::optional<NTSTATUS> Ask(const char* routine, std::uint32_t tag);
+std::optional<NTSTATUS> NTAPI Ask(const char* routine, std::uint32_t tag);
 }  // namespace fault_detail
 
 /// The status with which this call must fail, or nothing when it is to go on.

@@ -22,7 +22,7 @@ bool TryTake(PKGUARDED_MUTEX mutex) {
                                        __ATOMIC_RELAXED);
 }
 
-[[gnu::noinline]] void WaitAndTake(PKGUARDED_MUTEX mutex) {
+[[gnu::noinline]] void NTAPI WaitAndTake(PKGUARDED_MUTEX mutex) {
     __atomic_fetch_add(&mutex->Contention, 1, __ATOMIC_RELAXED);
     for (int spin = 0; spin < kSpinsBeforeParking; ++spin) {
         SpinPause();
@@ -38,6 +38,13 @@ bool TryTake(PKGUARDED_MUTEX mutex) {
 void BecomeOwner(PKGUARDED_MUTEX mutex, KIRQL oldIrql) {
     mutex->Owner = &currentIrql;
     mutex->u.CombinedApcDisable = oldIrql;
+}
+
+[[noreturn, gnu::noinline]] void NTAPI LevelChanged(PKGUARDED_MUTEX mutex) {
+    Violation(Rule::kIrqlDirection,
+              "KeReleaseGuardedMutex: the level was changed to " + std::to_string(currentIrql) +
+                  " while the mutex was held",
+              mutex);
 }
 
 }  // namespace
@@ -76,12 +83,7 @@ BOOLEAN NTAPI KeTryToAcquireGuardedMutex(PKGUARDED_MUTEX mutex) {
 void NTAPI KeReleaseGuardedMutex(PKGUARDED_MUTEX mutex) {
     if (VerifierEnabled()) {
         NoteReleased("KeReleaseGuardedMutex", mutex, LockKind::kGuardedMutex);
-        if (currentIrql != APC_LEVEL) {
-            Violation(Rule::kIrqlDirection,
-                      "KeReleaseGuardedMutex: the level is " + std::to_string(currentIrql) +
-                          ", not the one that the mutex was acquired with",
-                      mutex);
-        }
+        if (currentIrql != APC_LEVEL) LevelChanged(mutex);
     }
     const auto old = static_cast<KIRQL>(mutex->u.CombinedApcDisable);
     mutex->Owner = nullptr;

@@ -111,7 +111,7 @@ LockOrder& Order() {
 
 }  // namespace
 
-void CheckBeforeAcquire(const char* routine, const void* lock, LockKind kind) {
+void NTAPI CheckBeforeAcquire(const char* routine, const void* lock, LockKind kind) {
     if (held.count == 0) return;
     if (IsHeld(lock)) {
         Violation(Rule::kLockRecursion,
@@ -126,7 +126,7 @@ void CheckBeforeAcquire(const char* routine, const void* lock, LockKind kind) {
     }
 }
 
-void NoteAcquired(const void* lock, LockKind kind) {
+void NTAPI NoteAcquired(const void* lock, LockKind kind) {
     if (held.count == kMostHeldLocks) {
         Violation(Rule::kLockLeaked,
                   "a thread holds more than " + std::to_string(kMostHeldLocks) + " locks", lock);
@@ -134,7 +134,7 @@ void NoteAcquired(const void* lock, LockKind kind) {
     held.locks[held.count++] = {lock, kind};
 }
 
-void NoteReleased(const char* routine, const void* lock, LockKind kind) {
+void NTAPI NoteReleased(const char* routine, const void* lock, LockKind kind) {
     HeldLock* const end = held.locks + held.count;
     // The last acquired is nearly always the one that is released.
     const auto found =
@@ -148,11 +148,11 @@ void NoteReleased(const char* routine, const void* lock, LockKind kind) {
     --held.count;
 }
 
-void EnterRegion() {
+void NTAPI EnterRegion() {
     ++held.regions;
 }
 
-void LeaveRegion() {
+void NTAPI LeaveRegion() {
     if (held.regions == 0) {
         Violation(Rule::kLockNotHeld,
                   "KeLeaveCriticalRegion: this thread is in no critical region");
@@ -177,7 +177,7 @@ void ReturnToMark(HeldLocksMark mark) {
     held.regions = mark.regions;
 }
 
-void ForgetLocks(const void* memory, std::size_t size) {
+void NTAPI ForgetLocks(const void* memory, std::size_t size) {
     Order().Forget(memory, size);
 }
 

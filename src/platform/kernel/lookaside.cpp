@@ -48,11 +48,15 @@ ULONG Read(const ULONG& counter) {
     return __atomic_load_n(&counter, __ATOMIC_RELAXED);
 }
 
+/// Out of line and NTAPI, as every seldom path of taking and giving back: see held_locks.h.
+[[noreturn, gnu::noinline]] void NTAPI NotInitialized(const char* routine,
+                                                      const GENERAL_LOOKASIDE& list) {
+    Violation(Rule::kPoolBadRequest,
+              std::string(routine) + ": the lookaside list is not initialised", &list);
+}
+
 void CheckList(const char* routine, const GENERAL_LOOKASIDE& list) {
-    if (VerifierEnabled() && list.Allocate == nullptr) {
-        Violation(Rule::kPoolBadRequest,
-                  std::string(routine) + ": the lookaside list is not initialised", &list);
-    }
+    if (list.Allocate == nullptr && VerifierEnabled()) NotInitialized(routine, list);
 }
 
 void Initialize(const Routines& routines, GENERAL_LOOKASIDE& list, POOL_TYPE type,
@@ -95,7 +99,7 @@ void Delete(const Routines& routines, GENERAL_LOOKASIDE& list) {
     list.Allocate = nullptr;
 }
 
-PVOID Allocate(const Routines& routines, GENERAL_LOOKASIDE& list) {
+PVOID NTAPI Allocate(const Routines& routines, GENERAL_LOOKASIDE& list) {
     RequireIrql(routines.allocate, routines.highest);
     CheckList(routines.allocate, list);
     if (FailThisCall(routines.allocate, list.Tag)) return nullptr;
@@ -110,7 +114,7 @@ PVOID Allocate(const Routines& routines, GENERAL_LOOKASIDE& list) {
     return block;
 }
 
-void Free(const Routines& routines, GENERAL_LOOKASIDE& list, PVOID block) {
+void NTAPI Free(const Routines& routines, GENERAL_LOOKASIDE& list, PVOID block) {
     RequireIrql(routines.free, routines.highest);
     CheckList(routines.free, list);
     Count(list.TotalFrees);

@@ -5,6 +5,8 @@
 #include <map>
 #include <mutex>
 #include <shared_mutex>
+#include <utility>
+#include <vector>
 
 namespace platform {
 
@@ -86,11 +88,11 @@ NTSTATUS ResolvePath(const NameSpace& names, std::u16string_view path, bool last
     return exists ? STATUS_SUCCESS : STATUS_OBJECT_PATH_NOT_FOUND;
 }
 
-NTSTATUS Insert(NameSpace& names, std::u16string_view path, NameEntry entry) {
+NTSTATUS Insert(NameSpace& names, std::u16string_view path, const NameEntry& entry) {
     std::u16string resolved;
     const NTSTATUS status = ResolvePath(names, path, false, resolved);
     if (!NT_SUCCESS(status)) return status;
-    const bool inserted = names.entries.try_emplace(resolved, std::move(entry)).second;
+    const bool inserted = names.entries.try_emplace(resolved, entry).second;
     return inserted ? STATUS_SUCCESS : STATUS_OBJECT_NAME_COLLISION;
 }
 
@@ -131,7 +133,7 @@ void RemoveName(std::u16string_view path) {
 }
 
 void ForgetNames() {
-    static std::vector<void*> forgotten;  // keeps the objects reachable
+    static auto& forgotten = *new std::vector<void*>;  // keeps the objects reachable
     NameSpace& names = Names();
     const std::unique_lock guard(names.lock);
     for (const auto& [path, entry] : std::exchange(names.entries, NameSpace::Directories())) {

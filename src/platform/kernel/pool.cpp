@@ -55,7 +55,7 @@ void FreePlain(void* block) {
 
 }  // namespace
 
-void* AllocatePool(POOL_TYPE type, std::size_t size, std::uint32_t tag) {
+void* NTAPI AllocatePool(POOL_TYPE type, std::size_t size, std::uint32_t tag) {
     const bool verify = VerifierEnabled();
     if (verify) CheckRequest(type, size, tag);
     if (size > kLargestBlock) return nullptr;
@@ -72,7 +72,7 @@ void* AllocatePool(POOL_TYPE type, std::size_t size, std::uint32_t tag) {
     return block;
 }
 
-void FreePool(const char* routine, void* block, std::uint32_t tag) {
+void NTAPI FreePool(const char* routine, void* block, std::uint32_t tag) {
     if (!VerifierEnabled() && HeaderOf(block)->mark == kPlainMark) return FreePlain(block);
     if (FreeVerified(routine, block, tag)) return;
     // Only while blocks are left from before the verifier was turned on is it worth asking the

@@ -29,8 +29,8 @@ void CheckPool();
 
 /// As ExAllocatePoolWithTag, but no planned fault applies: for routines that ask under their own
 /// name.
-void* AllocatePool(POOL_TYPE type, std::size_t size, std::uint32_t tag);
+void* NTAPI AllocatePool(POOL_TYPE type, std::size_t size, std::uint32_t tag);
 /// `tag` 0: any.
-void FreePool(const char* routine, void* block, std::uint32_t tag);
+void NTAPI FreePool(const char* routine, void* block, std::uint32_t tag);
 
 }  // namespace platform

@@ -255,14 +255,14 @@ bool RetireBlock(const char* routine, void* block, std::uint32_t tag, PoolBlock&
     return true;
 }
 
-void NoteCached(const char* routine, void* block) {
+void NTAPI NoteCached(const char* routine, void* block) {
     PoolBlock facts;
     if (!FindBlock(block, facts)) return;
     ForgetLocks(block, facts.size);
     if (!Books().SetCached(block, true)) Report(Finding::kCached, routine, block, 0, facts);
 }
 
-void NoteTaken(void* block) {
+void NTAPI NoteTaken(void* block) {
     Books().SetCached(block, false);
 }
 

@@ -49,7 +49,7 @@ bool RetireBlock(const char* routine, void* block, std::uint32_t tag, PoolBlock&
 
 /// A lookaside list takes the block in, or gives it out. Addresses that are no pool blocks (lists
 /// can have their own allocation routines) are passed over.
-void NoteCached(const char* routine, void* block);
-void NoteTaken(void* block);
+void NTAPI NoteCached(const char* routine, void* block);
+void NTAPI NoteTaken(void* block);
 
 }  // namespace platform

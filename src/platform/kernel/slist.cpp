@@ -8,8 +8,6 @@
 
 #include "platform/kernel/futex.h"
 
-#include <sched.h>
-
 namespace {
 
 constexpr ULONGLONG kLocked = 1;
@@ -26,7 +24,7 @@ public:
             while ((__atomic_load_n(&head_.Region, __ATOMIC_RELAXED) & kLocked) != 0) {
                 platform::SpinPause();
                 // The holder was preempted.
-                if (++spins % platform::kSpinsBeforeParking == 0) sched_yield();
+                if (++spins % platform::kSpinsBeforeParking == 0) platform::YieldProcessor();
             }
         }
     }

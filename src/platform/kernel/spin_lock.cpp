@@ -53,7 +53,7 @@ std::atomic<int>& ParkedAt(const KSPIN_LOCK* lock) {
     return parkingLots[(reinterpret_cast<std::uintptr_t>(lock) >> 4) % kParkingLots].parked;
 }
 
-[[gnu::noinline]] void WaitForTurn(PKSPIN_LOCK lock, Ticket mine) {
+[[gnu::noinline]] void NTAPI WaitForTurn(PKSPIN_LOCK lock, Ticket mine) {
     for (int spin = 0; spin < kSpinsBeforeParking; ++spin) {
         SpinPause();
         if (__atomic_load_n(Serving(lock), __ATOMIC_ACQUIRE) == mine) return;
@@ -69,10 +69,17 @@ std::atomic<int>& ParkedAt(const KSPIN_LOCK* lock) {
 }
 
 /// After the release: the lock itself may be gone.
-[[gnu::noinline]] void WakeWaiter(PKSPIN_LOCK lock, Ticket next) {
+[[gnu::noinline]] void NTAPI WakeWaiter(PKSPIN_LOCK lock, Ticket next) {
     // A locked operation orders this after the store that released the lock; the waiter counts
     // itself before it looks at the lock again.
     if (ParkedAt(lock).fetch_add(0) != 0) FutexWake(Serving(lock), kWakeAll, Channel(next));
+}
+
+[[noreturn, gnu::noinline]] void NTAPI LevelChanged(const char* routine, PKSPIN_LOCK lock) {
+    Violation(Rule::kIrqlDirection,
+              std::string(routine) + ": the level was changed to " + std::to_string(currentIrql) +
+                  " while the spin lock was held",
+              lock);
 }
 
 }  // namespace
@@ -108,12 +115,7 @@ void NTAPI KeReleaseInStackQueuedSpinLock(PKLOCK_QUEUE_HANDLE handle) {
     if (VerifierEnabled()) {
         const char* const routine = "KeReleaseInStackQueuedSpinLock";
         NoteReleased(routine, lock, LockKind::kSpinLock);
-        if (currentIrql != DISPATCH_LEVEL) {
-            Violation(Rule::kIrqlDirection,
-                      std::string(routine) + ": the level was changed to " +
-                          std::to_string(currentIrql) + " while the spin lock was held",
-                      lock);
-        }
+        if (currentIrql != DISPATCH_LEVEL) LevelChanged(routine, lock);
     }
     const Ticket next = __atomic_load_n(Serving(lock), __ATOMIC_RELAXED) + 1;
     const bool waited = __atomic_load_n(Next(lock), __ATOMIC_RELAXED) != next;

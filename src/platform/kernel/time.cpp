@@ -3,8 +3,6 @@
 #include "platform/kernel/futex.h"
 #include "platform/kernel/verifier.h"
 
-#include <sched.h>
-
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -106,7 +104,7 @@ volatile LONGLONG KiSharedSystemTime = platform::TimeNow();
 NTSTATUS NTAPI KeDelayExecutionThread(KPROCESSOR_MODE, BOOLEAN, PLARGE_INTEGER interval) {
     platform::RequireIrql("KeDelayExecutionThread", APC_LEVEL);
     const std::int64_t deadline = platform::MonotonicDeadline(*interval);
-    if (deadline == 0) sched_yield();
+    if (deadline == 0) platform::YieldProcessor();
     const std::uint32_t nobodyWakes = 0;
     while (platform::MonotonicNow() < deadline) {
         platform::FutexWait(&nobodyWakes, 0, deadline);

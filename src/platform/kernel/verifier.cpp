@@ -18,7 +18,7 @@ namespace verifier_detail {
 
 constinit std::atomic<bool> enabled{true};
 
-void IrqlTooHigh(const char* routine, KIRQL highest) {
+void NTAPI IrqlTooHigh(const char* routine, KIRQL highest) {
     Violation(Rule::kIrqlTooHigh, std::string(routine) + " called at IRQL " +
                                       std::to_string(currentIrql) + ", allowed up to " +
                                       std::to_string(highest));

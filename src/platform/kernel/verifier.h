@@ -63,7 +63,7 @@ std::optional<BugcheckRecord> CatchBugcheck(const std::function<void()>& action)
 
 namespace verifier_detail {
 extern std::atomic<bool> enabled;
-[[noreturn]] void IrqlTooHigh(const char* routine, KIRQL highest);
+[[noreturn]] void NTAPI IrqlTooHigh(const char* routine, KIRQL highest);
 }  // namespace verifier_detail
 
 /// On by default; measurements turn it off. Switch only while no kernel code runs.

@@ -1,0 +1,233 @@
+#include "zpregmon/replay/monitored_replay.h"
+
+#include "channel/buffer_format.h"
+#include "client/dump_file.h"
+#include "driver/control_codes.h"
+#include "zpregmon/created_keys_model.h"
+#include "zpregmon/temporary_file.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+
+namespace zpregmon {
+namespace {
+
+constexpr const char* kSample = "samples/wineboot.jsonl.gz";
+
+/// What is kept of an event when its buffer is gone.
+struct SeenEvent {
+    zpregflt::RecordType type;
+    std::uint32_t processId;
+    std::uint64_t time;
+    std::u16string key;
+    bool operator==(const SeenEvent&) const = default;
+};
+
+SeenEvent Keep(const Event& event) {
+    return {event.type, event.processId, event.systemTime,
+            std::u16string(event.key.value_or(u"no name"))};
+}
+
+struct Replayed {
+    MonitoredReplayResult result;
+    std::vector<SeenEvent> events;
+};
+
+/// The verifier is on: a leak or a broken rule ends the program.
+Replayed Replay(const Workload& workload, const MonitoredReplayOptions& options) {
+    Replayed replayed;
+    ReplayControl control;
+    replayed.result = RunMonitoredReplay(
+        workload, options, [&](const Event& event) { replayed.events.push_back(Keep(event)); },
+        control);
+    return replayed;
+}
+
+void ExpectNothingLost(const MonitoredReplayResult& result) {
+    EXPECT_EQ(result.driver.reservationsFailed, 0U);
+    EXPECT_EQ(result.damagedBuffers, 0U);
+    EXPECT_EQ(result.session.buffersLost, 0U);
+    EXPECT_EQ(result.session.reservations, result.driver.reservations);
+    EXPECT_EQ(result.events, result.driver.recordsWritten);
+}
+
+TEST(Replay, OfTheSampleAgreesAndSeesEveryKeyThatIsCreated) {
+    const Workload workload = Workload::Read(kSample);
+    MonitoredReplayOptions options;
+    options.check = true;
+    options.operations = zpregflt::operation::kCreateKeyEx;
+    const auto [result, events] = Replay(workload, options);
+    ExpectNothingLost(result);
+    EXPECT_EQ(result.replay.check.compared, result.replay.operations);
+    EXPECT_EQ(result.replay.check.openEnumerations, 0U);
+    for (const Disagreement& disagreement : result.replay.check.first) {
+        ADD_FAILURE() << "line " << disagreement.line << ": " << disagreement.what;
+    }
+
+    CreatedKeysModel model;
+    auto event = events.begin();
+    for (const Record& record : workload.Records()) {
+        std::u16string created;
+        if (model.Creates(record, created)) {
+            ASSERT_NE(event, events.end()) << "line " << record.line << " is not recorded";
+            ASSERT_EQ(event->type, zpregflt::RecordType::kKeyCreated);
+            ASSERT_EQ(event->processId, record.pid) << "line " << record.line;
+            ASSERT_EQ(model.RealPath(event->key), created) << "line " << record.line;
+            ++event;
+        }
+        model.Apply(record);
+    }
+    EXPECT_EQ(event, events.end()) << "a key that nobody created";
+    EXPECT_GT(events.size(), 9000U);
+}
+
+TEST(Replay, InParallelLosesNothing) {
+    const Workload workload = Workload::Read(kSample);
+    MonitoredReplayOptions options;
+    options.parallel = true;
+    options.operations = 0x3FFFFF;
+    const auto [result, events] = Replay(workload, options);
+    ExpectNothingLost(result);
+    EXPECT_EQ(result.replay.processes, 17U);
+    EXPECT_GT(events.size(), 9000U);
+}
+
+/// The driver has fewer buffers than the events need: it is the replay that waits.
+TEST(Replay, WaitsForASlowClient) {
+    const Workload workload = Workload::Read(kSample);
+    MonitoredReplayOptions options;
+    options.operations = 0x3FFFFF;
+    options.session = {.buffers = 4, .bufferSize = 256 * 1024};
+    const auto [result, events] = Replay(workload, options);
+    ExpectNothingLost(result);
+    EXPECT_GT(result.session.buffersDelivered, options.session.buffers);
+}
+
+TEST(Replay, ShutdownDumpsWhatTheClientHasNotSeenYet) {
+    const TemporaryFile dump;
+    const Workload workload = Workload::Read(kSample);
+    MonitoredReplayOptions options;
+    options.operations = zpregflt::operation::kCreateKeyEx;
+    options.dumpFile = dump.Path();
+    const auto [result, events] = Replay(workload, options);
+    ExpectNothingLost(result);
+
+    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(
+        std::fopen(dump.Path().c_str(), "rb"), std::fclose);
+    ASSERT_TRUE(file);
+    DumpFileReader reader(file.get());
+    std::vector<SeenEvent> dumped;
+    for (Event event; reader.Next(event);) {
+        dumped.push_back(Keep(event));
+    }
+    ASSERT_FALSE(reader.Error()) << reader.Error()->what;
+    ASSERT_FALSE(dumped.empty());
+    ASSERT_LT(dumped.size(), events.size());
+    EXPECT_TRUE(std::equal(dumped.begin(), dumped.end(),
+                           events.end() - static_cast<std::ptrdiff_t>(dumped.size())))
+        << "the last events, as the client then got them";
+}
+
+TEST(Replay, EndsEarlyWhenItIsStopped) {
+    const Workload workload = Workload::Read(kSample);
+    for (const bool parallel : {false, true}) {
+        MonitoredReplayOptions options;
+        options.parallel = parallel;
+        options.operations = zpregflt::operation::kCreateKeyEx;
+        // One buffer is delivered before the end: that is when it is stopped.
+        options.session = {.buffers = 4, .bufferSize = zpregflt::kMinimumBufferSize};
+        ReplayControl control;
+        const auto result = RunMonitoredReplay(
+            workload, options, [&](const Event&) { control.stop = true; }, control);
+        EXPECT_LT(result.replay.operations, workload.Records().size() * 9 / 10);
+        ExpectNothingLost(result);
+    }
+}
+
+std::string CreateKey(int pid, int handle, const std::string& name) {
+    return R"({"op":"create-key","pid":)" + std::to_string(pid) + R"(,"tid":)" +
+           std::to_string(pid + 4) + R"(,"root":0,"name":)" + name +
+           R"(,"access":983103,"options":0,"attributes":192,"status":"00000000","handle":)" +
+           std::to_string(handle) + R"(,"class":"","disposition":1})" + "\n";
+}
+
+std::string Call(const std::string& op, int pid, int handle, const std::string& rest) {
+    return R"({"op":")" + op + R"(","pid":)" + std::to_string(pid) + R"(,"tid":)" +
+           std::to_string(pid + 4) + R"(,"handle":)" + std::to_string(handle) + "," + rest + "}\n";
+}
+
+std::string Duplicate(int pid, int from, int handle, int to, int newHandle,
+                      const std::string& rest) {
+    return Call("duplicate", pid, handle,
+                R"("from_pid":)" + std::to_string(from) + R"(,"to_pid":)" + std::to_string(to) +
+                    R"(,"new_handle":)" + std::to_string(newHandle) +
+                    R"(,"access":0,"attributes":0,"options":2,"status":"00000000")" + rest);
+}
+
+/// Handles that go from one process to another are usable there, in both modes. The second process
+/// uses what the first one made; a third gets it by inheritance.
+TEST(Replay, PassesHandlesOn) {
+    const std::string value = R"("name":"v","type":4,"data":"01000000","status":"00000000")";
+    const std::string answer =
+        R"("name":"v","status":"00000000","type":4,"size":4,"got":4,"crc":"99f8b879")";
+    const TemporaryFile file(WorkloadHeader() + Start(32) + Start(40, 32) +
+                             CreateKey(32, 4, R"("\\Registry\\Machine\\Passed")") +
+                             Call("set-value", 32, 4, value) + Duplicate(32, 32, 4, 40, 8, "") +
+                             Call("query-value", 40, 8, answer) +
+                             Call("close", 32, 4, R"("status":"00000000")") + Start(48, 40) +
+                             Duplicate(48, 40, 8, 48, 8, R"(,"inherited":true)") + Exit(40) +
+                             Call("query-value", 48, 8, answer) + Exit(48) + Exit(32));
+    const Workload workload = Workload::Read(file.Path());
+
+    MonitoredReplayOptions options;
+    options.check = true;
+    options.operations = 0x3FFFFF;
+    const auto inOrder = Replay(workload, options);
+    EXPECT_EQ(inOrder.result.replay.operations, 7U);
+    for (const Disagreement& disagreement : inOrder.result.replay.check.first) {
+        ADD_FAILURE() << "line " << disagreement.line << ": " << disagreement.what;
+    }
+    EXPECT_EQ(inOrder.result.replay.check.disagreements, 0U);
+
+    options.check = false;
+    options.parallel = true;
+    for (int round = 0; round < 20; ++round) {
+        const auto parallel = Replay(workload, options);
+        EXPECT_EQ(parallel.result.replay.operations, 7U);
+        EXPECT_EQ(parallel.result.eventsByType, inOrder.result.eventsByType);
+    }
+}
+
+/// What is wrong in the file is found when it is replayed.
+TEST(Replay, DisagreementsNameTheirLine) {
+    const TemporaryFile file(WorkloadHeader() + Start(32) +
+                             CreateKey(32, 4, R"("\\Registry\\Machine\\New")") +
+                             CreateKey(32, 8, R"("\\Registry\\Machine\\New")") +
+                             Call("delete-value", 32, 8, R"("name":"none","status":"00000000")"));
+    const Workload workload = Workload::Read(file.Path());
+    MonitoredReplayOptions options;
+    options.check = true;
+    const auto [result, events] = Replay(workload, options);
+    ASSERT_EQ(result.replay.check.disagreements, 2U);
+    EXPECT_EQ(result.replay.check.first[0].line, 4U);
+    EXPECT_EQ(result.replay.check.first[0].what, "expected disposition 1, got 2");
+    EXPECT_EQ(result.replay.check.first[1].line, 5U);
+    EXPECT_EQ(result.replay.check.first[1].what, "expected status 00000000, got status c0000034");
+}
+
+TEST(Replay, ExemptAndTrustedProcessesAreLeftOutUnlessOverridden) {
+    const TemporaryFile file(WorkloadHeader() + Start(32) + Start(40) +
+                             CreateKey(32, 4, R"("\\Registry\\Machine\\A")") +
+                             CreateKey(40, 4, R"("\\Registry\\Machine\\B")") + Exit(32) + Exit(40));
+    const Workload workload = Workload::Read(file.Path());
+    MonitoredReplayOptions options;
+    options.operations = zpregflt::operation::kCreateKeyEx;
+    options.exemptImages = {u"P32.EXE"};
+    EXPECT_EQ(Replay(workload, options).events.size(), 1U);
+    options.overrideMask = zpregflt::OVERRIDE_EXEMPTIONS;
+    EXPECT_EQ(Replay(workload, options).events.size(), 2U);
+}
+
+}  // namespace
+}  // namespace zpregmon
