@@ -101,9 +101,7 @@ TEST_F(DeliveryTest, CancelledBufferGoesToTheDumpFile) {
         std::vector<std::uint32_t> reservations;
         std::vector<std::size_t> lengths;  ///< of the blocks in the dump file
     };
-    const Case cases[] = {{true, {40, 13}, {8 + 40 + 16}},
-                          {true, {}, {}},
-                          {false, {40}, {}}};
+    const Case cases[] = {{true, {40, 13}, {8 + 40 + 16}}, {true, {}, {}}, {false, {40}, {}}};
     for (const Case& c : cases) {
         Boot({});
         StartWithoutBootBuffers();

@@ -113,9 +113,9 @@ Loan::~Loan() {
 NTSTATUS Loan::Send() {
     const ThreadScope thread(client_.Owner());
     ioStatus_.Status = STATUS_PENDING;
-    const NTSTATUS status = NtDeviceIoControlFile(
-        client_.Device(), event_, nullptr, nullptr, &ioStatus_, zpregflt::IOCTL_ZPRF_GET_BUFFER,
-        nullptr, 0, memory_, static_cast<ULONG>(size_));
+    const NTSTATUS status = NtDeviceIoControlFile(client_.Device(), event_, nullptr, nullptr,
+                                                  &ioStatus_, zpregflt::IOCTL_ZPRF_GET_BUFFER,
+                                                  nullptr, 0, memory_, static_cast<ULONG>(size_));
     if (status != STATUS_PENDING) ioStatus_.Status = status;
     return __atomic_load_n(&ioStatus_.Status, __ATOMIC_ACQUIRE);
 }

@@ -199,8 +199,8 @@ struct Counters {
         return {a.hit - b.hit, a.fail - b.fail, a.filter - b.filter, a.log - b.log};
     }
     friend void PrintTo(const Counters& counters, std::ostream* out) {
-        *out << "hit " << counters.hit << " fail " << counters.fail << " filter "
-             << counters.filter << " log " << counters.log;
+        *out << "hit " << counters.hit << " fail " << counters.fail << " filter " << counters.filter
+             << " log " << counters.log;
     }
 };
 Counters CountersOf(ULONG notifyClass);

@@ -42,8 +42,8 @@ TEST_F(EventPoolTest, SizesAreMultiplesOfEight) {
 
 TEST_F(EventPoolTest, LargestReservation) {
     Start();
-    for (const std::uint32_t size : {0xFFE9u, 0xFFF0u, 0x10000u, 0x7FFFFFFFu, 0xFFFFFFF8u,
-                                     0xFFFFFFF9u, 0xFFFFFFFFu}) {
+    for (const std::uint32_t size :
+         {0xFFE9u, 0xFFF0u, 0x10000u, 0x7FFFFFFFu, 0xFFFFFFF8u, 0xFFFFFFF9u, 0xFFFFFFFFu}) {
         const LONG64 failed = Failed(kBoot);
         EXPECT_FALSE(Space(size)) << std::hex << size;
         EXPECT_EQ(Failed(kBoot), failed + 1) << std::hex << size;
@@ -253,12 +253,9 @@ struct Pattern {
 };
 
 const Pattern kPatterns[] = {
-    {"AllInOrder", 3, {0, 1, 2}},
-    {"FirstIsNoRecord", 3, {1, 2}},
-    {"FirstComesSecond", 2, {1, 0}},
-    {"FirstComesLast", 4, {3, 2, 1, 0}},
-    {"LastIsNoRecord", 3, {0, 1}},
-    {"NoRecord", 2, {}},
+    {"AllInOrder", 3, {0, 1, 2}},    {"FirstIsNoRecord", 3, {1, 2}},
+    {"FirstComesSecond", 2, {1, 0}}, {"FirstComesLast", 4, {3, 2, 1, 0}},
+    {"LastIsNoRecord", 3, {0, 1}},   {"NoRecord", 2, {}},
 };
 
 struct HandOverCase {

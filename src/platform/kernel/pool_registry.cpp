@@ -248,9 +248,10 @@ bool RetireBlock(const char* routine, void* block, std::uint32_t tag, PoolBlock&
     HandOver(block);
     for (const RetiredBlock& retired : Books().Quarantine({block, facts})) {
         TakeOver(retired.block);
-        const bool untouched = UntouchedSinceFree(retired);
+        if (!UntouchedSinceFree(retired)) {
+            Corrupted(routine, "after it was freed", retired.block, retired.facts);
+        }
         ReleaseMemory(retired);
-        if (!untouched) Corrupted(routine, "after it was freed", retired.block, retired.facts);
     }
     return true;
 }
