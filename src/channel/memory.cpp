@@ -335,7 +335,7 @@ void MemRecycle(EventBuffer* buffer, bool unlink) {
         ULONG sequence = 0;
         auto* const copy =
             static_cast<UCHAR*>(MemReserve(&used, &target, &sequence, MEM_RESERVE_CLIENT_BUFFER));
-        if (copy == nullptr) {
+        if (target == nullptr) {
             ZPRF_TRACE(TRACE_BUFFER, TRACE_LEVEL_INFORMATION, "boot buffer %p pending", buffer);
             const QueuedSpinLockGuard guard(Pool.lock);
             if (unlink) {

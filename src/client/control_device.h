@@ -34,7 +34,8 @@ public:
     virtual Status LendBuffer(std::size_t slot) = 0;
     /// Waits until a request has come back, and returns all that have. At least one must be out.
     virtual std::vector<Completion> WaitForCompletions() = 0;
-    /// Whether at least `count` buffers are lent and have not come back. Any thread, any time.
+    /// Whether at least `count` buffers are lent and have not come back. Any thread, but not at the
+    /// same time as LendBuffer.
     virtual bool DriverHasBuffers(std::size_t count) = 0;
     /// Takes back every buffer that is lent: the requests come back with a failure.
     virtual void CancelBuffers() = 0;

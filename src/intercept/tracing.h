@@ -63,7 +63,7 @@ requires(!std::is_same_v<std::remove_cv_t<T>, char> &&
          !std::is_same_v<std::remove_cv_t<T>, UNICODE_STRING> &&
          !std::is_same_v<std::remove_cv_t<T>, ANSI_STRING>) EVENT_DATA_DESCRIPTOR
     Argument(T* const& address) {
-    return Block(&address, sizeof(address));
+    return Block(&address, sizeof(PVOID));
 }
 /// Counted and terminated text; a missing one reads NULL, an empty terminated wide one <NULL>.
 EVENT_DATA_DESCRIPTOR Argument(const UNICODE_STRING* const& text);

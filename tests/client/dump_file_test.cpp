@@ -34,7 +34,9 @@ struct Contents {
 
 Contents Read(std::span<const std::byte> bytes) {
     const std::unique_ptr<std::FILE, CloseFile> file(std::tmpfile());
-    std::fwrite(bytes.data(), 1, bytes.size(), file.get());
+    if (!bytes.empty()) {
+        std::fwrite(bytes.data(), 1, bytes.size(), file.get());
+    }
     std::rewind(file.get());
     DumpFileReader reader(file.get());
     Contents contents;

@@ -162,6 +162,17 @@ const RuleRow kRules[] = {
          locks.Take(2, 0);
      },
      Rule::kLockOrder, Mutex0},
+    {"mutexes in both orders with another tried for in between",
+     [](Locks& locks) {
+         KeAcquireGuardedMutex(&locks.mutexes[0]);
+         KeTryToAcquireGuardedMutex(&locks.mutexes[2]);
+         KeAcquireGuardedMutex(&locks.mutexes[1]);
+         KeReleaseGuardedMutex(&locks.mutexes[1]);
+         KeReleaseGuardedMutex(&locks.mutexes[2]);
+         KeReleaseGuardedMutex(&locks.mutexes[0]);
+         locks.Take(1, 0);
+     },
+     Rule::kLockOrder, Mutex0},
     {"spin locks in both orders, on two threads",
      [](Locks& locks) {
          std::thread([&locks] { locks.TakeSpin(0, 1); }).join();

@@ -117,8 +117,10 @@ void NTAPI CheckBeforeAcquire(const char* routine, const void* lock, LockKind ki
         Violation(Rule::kLockRecursion,
                   std::string(routine) + ": this thread holds the " + KindName(kind), lock);
     }
-    const HeldLock& outer = held.locks[held.count - 1];
-    if (!Order().Enter(outer.address, lock)) {
+    // With every lock held, not only the last: one that was only tried for has no order yet.
+    for (unsigned i = held.count; i-- > 0;) {
+        const HeldLock& outer = held.locks[i];
+        if (Order().Enter(outer.address, lock)) continue;
         Violation(Rule::kLockOrder,
                   std::string(routine) + ": the " + KindName(kind) + " was held before when the " +
                       KindName(outer.kind) + " that this thread holds was acquired",

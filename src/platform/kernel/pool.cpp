@@ -1,5 +1,6 @@
 #include "platform/kernel/pool.h"
 
+#include "platform/kernel/address_poison.h"
 #include "platform/kernel/fault_injection.h"
 #include "platform/kernel/pool_registry.h"
 #include "platform/kernel/pool_tags.h"
@@ -73,7 +74,10 @@ void* NTAPI AllocatePool(POOL_TYPE type, std::size_t size, std::uint32_t tag) {
 }
 
 void NTAPI FreePool(const char* routine, void* block, std::uint32_t tag) {
-    if (!VerifierEnabled() && HeaderOf(block)->mark == kPlainMark) return FreePlain(block);
+    if (!VerifierEnabled()) {
+        Unpoison(HeaderOf(block), sizeof(PoolHeader));
+        if (HeaderOf(block)->mark == kPlainMark) return FreePlain(block);
+    }
     if (FreeVerified(routine, block, tag)) return;
     // Only while blocks are left from before the verifier was turned on is it worth asking the
     // memory before an unknown address.

@@ -75,12 +75,12 @@ std::span<std::byte> PlatformDevice::Buffer(std::size_t slot) {
 Status PlatformDevice::LendBuffer(std::size_t index) {
     const ThreadScope scope(*process_);
     Slot& slot = *slots_[index];
-    slot.lent.store(true, std::memory_order_relaxed);
+    slot.ioStatus.Status = STATUS_PENDING;
     const Status status = NtDeviceIoControlFile(
         bufferFile_, slot.event, nullptr, nullptr, &slot.ioStatus, zpregflt::IOCTL_ZPRF_GET_BUFFER,
         nullptr, 0, slot.memory, static_cast<ULONG>(bufferSize_));
-    if (status < 0) {
-        slot.lent.store(false, std::memory_order_relaxed);
+    if (status >= 0) {
+        slot.lent.store(true, std::memory_order_release);
     }
     return status;
 }
@@ -95,11 +95,7 @@ std::vector<Completion> PlatformDevice::WaitForCompletions() {
             indices.push_back(index);
         }
     }
-    const NTSTATUS status = NtWaitForMultipleObjects(static_cast<ULONG>(events.size()),
-                                                     events.data(), TRUE, FALSE, nullptr);
-    if (status < 0) {
-        throw ControlError("cannot wait for buffers", status);
-    }
+    Wait(events);
     std::vector<Completion> completions;
     for (const std::size_t index : indices) {
         if (HasComeBack(*slots_[index])) {
@@ -110,14 +106,25 @@ std::vector<Completion> PlatformDevice::WaitForCompletions() {
     return completions;
 }
 
-/// The event is a notification event, so that looking does not change it.
+void PlatformDevice::Wait(std::vector<HANDLE>& anyOf) {
+    const NTSTATUS status = NtWaitForMultipleObjects(static_cast<ULONG>(anyOf.size()), anyOf.data(),
+                                                     TRUE, FALSE, nullptr);
+    if (status < 0) {
+        throw ControlError("cannot wait for buffers", status);
+    }
+}
+
+/// A look at the status block costs no call. The kernel writes the status last, but before it sets
+/// the event.
 bool PlatformDevice::HasComeBack(const Slot& slot) {
-    LARGE_INTEGER now{};
-    return NtWaitForSingleObject(slot.event, FALSE, &now) == STATUS_WAIT_0;
+    return __atomic_load_n(&slot.ioStatus.Status, __ATOMIC_ACQUIRE) != STATUS_PENDING;
 }
 
 Completion PlatformDevice::Collect(std::size_t index) {
     Slot& slot = *slots_[index];
+    // Only when the event is set, too, is the kernel done with the slot.
+    std::vector<HANDLE> event{slot.event};
+    Wait(event);
     slot.lent.store(false, std::memory_order_relaxed);
     return {index, slot.ioStatus.Status, slot.ioStatus.Information};
 }
@@ -141,13 +148,12 @@ void PlatformDevice::SortByTime(std::vector<Completion>& completions) {
 }
 
 bool PlatformDevice::DriverHasBuffers(std::size_t count) {
-    const ThreadScope scope(*process_);
     std::size_t found = 0;
     for (const auto& slot : slots_) {
         if (found >= count) {
             break;
         }
-        if (slot->lent.load(std::memory_order_relaxed) && !HasComeBack(*slot)) {
+        if (slot->lent.load(std::memory_order_acquire) && !HasComeBack(*slot)) {
             ++found;
         }
     }

@@ -42,6 +42,7 @@ private:
 
     Status Open(HANDLE& file, ACCESS_MASK access, std::u16string_view name, ULONG disposition,
                 ULONG options);
+    static void Wait(std::vector<HANDLE>& anyOf);
     static bool HasComeBack(const Slot& slot);
     Completion Collect(std::size_t slot);
     void SortByTime(std::vector<Completion>& completions);
