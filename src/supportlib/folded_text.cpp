@@ -15,11 +15,14 @@ ULONG64 LoadWord(const WCHAR* text) {
     return word;
 }
 
-/// The last one to three characters, filled up with zeros.
+/// The last one to three characters, filled up with zeros. The text of an exemption may lie on an
+/// odd address.
 ULONG64 LoadTail(const WCHAR* text, ULONG count) {
     ULONG64 word = 0;
     for (ULONG i = 0; i < count; ++i) {
-        word |= static_cast<ULONG64>(static_cast<USHORT>(text[i])) << (16 * i);
+        USHORT character;
+        RtlCopyMemory(&character, text + i, sizeof(character));
+        word |= ULONG64{character} << (16 * i);
     }
     return word;
 }

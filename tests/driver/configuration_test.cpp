@@ -36,6 +36,8 @@ struct Case {
     const char* name;
     std::vector<Value> values;
     Settings expected;
+
+    friend void PrintTo(const Case& c, std::ostream* out) { *out << c.name; }
 };
 
 std::string Number(std::uint32_t number) {

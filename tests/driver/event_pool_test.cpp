@@ -261,6 +261,11 @@ const Pattern kPatterns[] = {
 struct HandOverCase {
     Pattern pattern;
     bool targetUsed;
+
+    std::string Name() const {
+        return std::string(pattern.name) + (targetUsed ? "BehindRecords" : "First");
+    }
+    friend void PrintTo(const HandOverCase& c, std::ostream* out) { *out << c.Name(); }
 };
 
 class HandOverTest : public EventPoolTest, public testing::WithParamInterface<HandOverCase> {};
@@ -313,8 +318,7 @@ std::vector<HandOverCase> HandOverCases() {
 
 INSTANTIATE_TEST_SUITE_P(EventPool, HandOverTest, testing::ValuesIn(HandOverCases()),
                          [](const testing::TestParamInfo<HandOverCase>& parameter) {
-                             return std::string(parameter.param.pattern.name) +
-                                    (parameter.param.targetUsed ? "BehindRecords" : "First");
+                             return parameter.param.Name();
                          });
 
 // --- Counters ------------------------------------------------------------------------------------

@@ -126,6 +126,12 @@ struct FilterCase {
     std::uint32_t operations;
     OperationMask mask;
     bool passes;
+
+    friend void PrintTo(const FilterCase& c, std::ostream* out) {
+        *out << "id " << c.processId << " name "
+             << platform::ToUtf8(c.name != nullptr ? c.name : u"(none)") << std::hex
+             << " operations " << c.operations << " mask " << c.mask;
+    }
 };
 
 // The process asked about is \Device\HarddiskVolume1\Program\worker.exe.

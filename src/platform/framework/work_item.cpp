@@ -37,6 +37,15 @@ NTSTATUS WorkItem::Create(const WDF_WORKITEM_CONFIG& config,
     return STATUS_SUCCESS;
 }
 
+bool WorkItem::DeleteByDriver() {
+    {
+        std::scoped_lock guard(lock_);
+        if (std::exchange(deletedByDriver_, true)) return false;
+    }
+    Delete();
+    return true;
+}
+
 bool WorkItem::Enqueue() {
     {
         std::scoped_lock guard(lock_);

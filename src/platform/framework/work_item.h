@@ -17,6 +17,9 @@ public:
                            WorkItem** workItem);
 
     bool DriverMayDelete() const override { return true; }
+    /// True also while the end of its parent deletes the item: that waits for the callback, in
+    /// which the driver deletes it.
+    bool DeleteByDriver() override;
     /// Does nothing while the item is queued. A queued item that starts to run counts as queued no
     /// longer, so the callback may enqueue its own item. False when the item has been deleted.
     bool Enqueue();
@@ -39,6 +42,7 @@ private:
     bool queued_ = false;
     unsigned running_ = 0;
     bool disposed_ = false;
+    bool deletedByDriver_ = false;
 };
 
 }  // namespace platform::framework
