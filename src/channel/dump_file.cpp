@@ -130,10 +130,17 @@ EventBuffer* ReattachLists() {
     return deferred;
 }
 
-bool IsLive(const EventBuffer& buffer, LONG& baseReferences) {
+enum class Writers { kAtWork, kNone, kWithdrawn };
+
+/// Both are looked at under the lock: a withdrawal marks the buffer sealed there before it drops
+/// the base reference, so a buffer that counts as active still has it.
+Writers LookForWriters(const EventBuffer& buffer) {
     const QueuedSpinLockGuard guard(Pool.lock);
-    baseReferences = buffer.home == &Pool.ActiveList ? 1 : 0;
-    return buffer.live != 0;
+    if (!buffer.live) {
+        return Writers::kWithdrawn;
+    }
+    const LONG baseReferences = buffer.home == &Pool.ActiveList ? 1 : 0;
+    return ReadAcquire(&buffer.refCount) <= baseReferences ? Writers::kNone : Writers::kAtWork;
 }
 
 /// Waits until nobody writes to a detached buffer, so that its image holds whole records. New
@@ -145,12 +152,9 @@ bool AwaitWriters(const EventBuffer& buffer) {
     LARGE_INTEGER millisecond;
     millisecond.QuadPart = -10'000;
     for (int i = 0; i < kPatience; ++i) {
-        LONG baseReferences = 0;
-        if (!IsLive(buffer, baseReferences)) {
-            return false;
-        }
-        if (ReadAcquire(&buffer.refCount) <= baseReferences) {
-            return true;
+        const Writers writers = LookForWriters(buffer);
+        if (writers != Writers::kAtWork) {
+            return writers == Writers::kNone;
         }
         KeDelayExecutionThread(KernelMode, FALSE, &millisecond);
     }
