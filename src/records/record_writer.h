@@ -55,7 +55,7 @@ private:
 template <typename Record>
 class RecordWriter : public RecordReservation {
 public:
-    /// `inlineBytes` follow the fixed part.
+    /// `size` counts the fixed part and what follows it inline.
     RecordWriter(RecordType type, PVOID keyObject, const KeyObjectContext& context,
                  OperationMask traceBit, ULONG size = sizeof(Record),
                  const UNICODE_STRING* capturedPath = nullptr)
