@@ -238,11 +238,11 @@ bool NTAPI KeyInformationSet(PVOID notification, DriverState*) {
                    "process %p, key %p %Z: SetInformationKey class %u", set.KeySetInformationClass);
     const ULONG length = set.KeySetInformationLength;
     // A length that does not fit into 32 bits with the fixed part fits into no buffer.
-    const ULONG fixedSize = sizeof(KeyInformationSetRecord);
+    const ULONG fixedSize = sizeof(InformationRecord);
     const ULONG size = length <= MAXULONG - fixedSize ? fixedSize + length : MAXULONG;
-    const RecordWriter<KeyInformationSetRecord> record(RecordType::kKeyInformationSet, post.Object,
-                                                       ContextOf(post),
-                                                       operation::kSetInformationKey, size);
+    const RecordWriter<InformationRecord> record(RecordType::kKeyInformationSet, post.Object,
+                                                 ContextOf(post), operation::kSetInformationKey,
+                                                 size);
     if (!record) {
         return false;
     }

@@ -143,14 +143,121 @@ struct NameRecord {
 };
 static_assert(sizeof(NameRecord) == NameRecord::kNameOffset);
 
-/// Key information set, type 3. The caller's information follows.
-struct KeyInformationSetRecord {
+/// One block of information that the caller gave or was given; it follows the structure. Key
+/// information set, type 3; subkey enumerated, type 5; key queried, type 7; key security queried,
+/// type 13, with a self-relative security descriptor.
+struct InformationRecord {
     RecordHeader Header;
+    std::uint32_t InformationClass;  ///< of type 13: the parts that were asked for
+    std::uint32_t DataLength;        ///< bytes; 0 when it could not be read
+};
+static_assert(sizeof(InformationRecord) == 48);
+static_assert(offsetof(InformationRecord, InformationClass) == 40);
+static_assert(offsetof(InformationRecord, DataLength) == 44);
+
+/// Value enumerated, type 6. What the caller was given follows at kDataOffset.
+struct ValueEnumeratedRecord {
+    RecordHeader Header;
+    std::uint32_t Index;
     std::uint32_t InformationClass;
     std::uint32_t DataLength;  ///< bytes; 0 when it could not be read
+
+    static constexpr std::uint32_t kDataOffset = 52;
 };
-static_assert(sizeof(KeyInformationSetRecord) == 48);
-static_assert(offsetof(KeyInformationSetRecord, InformationClass) == 40);
-static_assert(offsetof(KeyInformationSetRecord, DataLength) == 44);
+static_assert(offsetof(ValueEnumeratedRecord, Index) == 40);
+static_assert(offsetof(ValueEnumeratedRecord, InformationClass) == 44);
+static_assert(offsetof(ValueEnumeratedRecord, DataLength) == 48);
+
+/// Value queried, type 8. What the caller was given follows at kDataOffset, the value's name at the
+/// offset given.
+struct ValueQueriedRecord {
+    RecordHeader Header;
+    std::uint32_t ValueNameOffset;  ///< multiple of 4; UTF-16 ending in a 16-bit zero
+    std::uint32_t InformationClass;
+    std::uint32_t DataLength;  ///< bytes; 0 when it could not be read
+
+    static constexpr std::uint32_t kDataOffset = 52;
+};
+static_assert(offsetof(ValueQueriedRecord, ValueNameOffset) == 40);
+static_assert(offsetof(ValueQueriedRecord, InformationClass) == 44);
+static_assert(offsetof(ValueQueriedRecord, DataLength) == 48);
+
+/// One value of a ValuesQueriedRecord. Offsets count from the record's first byte.
+struct ValuesQueriedEntry {
+    std::uint32_t DataLength;
+    std::uint32_t DataOffset;
+    std::uint32_t ValueType;
+    std::uint32_t NameOffset;  ///< UTF-16 ending in a 16-bit zero
+};
+static_assert(sizeof(ValuesQueriedEntry) == 16);
+static_assert(offsetof(ValuesQueriedEntry, DataLength) == 0);
+static_assert(offsetof(ValuesQueriedEntry, DataOffset) == 4);
+static_assert(offsetof(ValuesQueriedEntry, ValueType) == 8);
+static_assert(offsetof(ValuesQueriedEntry, NameOffset) == 12);
+
+/// Several values queried, type 9. The entries follow at kEntriesOffset, behind them the names, and
+/// from the next multiple of 4 on the buffer of data that the caller was given.
+struct ValuesQueriedRecord {
+    RecordHeader Header;
+    std::uint32_t EntryCount;
+
+    static constexpr std::uint32_t kEntriesOffset = 44;
+};
+static_assert(offsetof(ValuesQueriedRecord, EntryCount) == 40);
+
+/// Hive loaded, type 10: the path under which it is loaded and its file. Key replaced by a file,
+/// type 15: the new file and the old one. Both are UTF-16 ending in a 16-bit zero.
+struct TwoNamesRecord {
+    RecordHeader Header;
+    std::uint32_t SecondNameOffset;
+
+    static constexpr std::uint32_t kFirstNameOffset = 44;
+};
+static_assert(offsetof(TwoNamesRecord, SecondNameOffset) == 40);
+
+/// Key saved to a file, type 11, and key restored from a file, type 14. From kNameInformationOffset
+/// on lies the file's name as the object manager writes it: a counted string, then its characters.
+struct FileRecord {
+    RecordHeader Header;
+    std::uint32_t Options;         ///< the format of a save, the flags of a restore
+    std::uint32_t FileNameOffset;  ///< 0: the name could not be written
+    std::uint16_t FileNameLength;  ///< bytes
+    std::uint16_t FileNameMaximumLength;
+    std::uint32_t Gap;              ///< of no meaning
+    std::uint64_t FileNameAddress;  ///< in the driver's address space: of no use outside it
+
+    static constexpr std::uint32_t kNameInformationOffset = 48;
+};
+static_assert(sizeof(FileRecord) == 64);
+static_assert(offsetof(FileRecord, Options) == 40);
+static_assert(offsetof(FileRecord, FileNameOffset) == 44);
+static_assert(offsetof(FileRecord, FileNameLength) == FileRecord::kNameInformationOffset);
+static_assert(offsetof(FileRecord, FileNameMaximumLength) == 50);
+static_assert(offsetof(FileRecord, Gap) == 52);
+static_assert(offsetof(FileRecord, FileNameAddress) == 56);
+
+/// Key security set, type 12. The sections of the parts that changed follow, in the order of the
+/// offsets, without gaps; an offset of 0 says that the part did not change.
+struct KeySecuritySetRecord {
+    RecordHeader Header;
+    std::uint16_t OwnerOffset;
+    std::uint16_t GroupOffset;
+    std::uint16_t DaclOffset;
+    std::uint16_t SaclOffset;
+};
+static_assert(sizeof(KeySecuritySetRecord) == 48);
+static_assert(offsetof(KeySecuritySetRecord, OwnerOffset) == 40);
+static_assert(offsetof(KeySecuritySetRecord, GroupOffset) == 42);
+static_assert(offsetof(KeySecuritySetRecord, DaclOffset) == 44);
+static_assert(offsetof(KeySecuritySetRecord, SaclOffset) == 46);
+
+/// One changed part: the old SID or ACL follows, then the new one. Only 2-byte aligned.
+struct SecuritySection {
+    std::uint16_t OldLength;
+    std::uint16_t NewLength;
+};
+static_assert(sizeof(SecuritySection) == 4);
+static_assert(offsetof(SecuritySection, OldLength) == 0);
+static_assert(offsetof(SecuritySection, NewLength) == 2);
 
 }  // namespace zpregflt
