@@ -42,10 +42,17 @@ ValueCacheEntry* FindRing(ValueCache& cache, const ValueCacheKey& key) {
     return nullptr;
 }
 
+/// A name that cannot be read is the name of nothing.
+bool HasName(const ValueCacheEntry& entry, const UNICODE_STRING& name) {
+    const USHORT length = name.Length;
+    return entry.ValueName.Length == length &&
+           CompareWithCaller(entry.ValueName.Buffer, name.Buffer, length) == Comparison::kEqual;
+}
+
 ValueCacheEntry* FindInRing(ValueCacheEntry* first, const UNICODE_STRING& name) {
     ValueCacheEntry* entry = first;
     do {
-        if (RtlCompareUnicodeString(&entry->ValueName, &name, FALSE) == 0) {
+        if (HasName(*entry, name)) {
             return entry;
         }
         entry = CONTAINING_RECORD(entry->KeyLinks.Flink, ValueCacheEntry, KeyLinks);
@@ -142,55 +149,67 @@ void SetFlags(ValueCacheEntry& entry, ULONG flags) {
     WriteULongNoFence(&entry.Flags, flags);
 }
 
-/// What an insertion needs and an entry has no room for.
-struct InsertBlocks {
-    NameBlock name;
-    DataBlock data;
+/// The name and data of a new entry, copied before the Lock is taken: reading the caller's memory
+/// may take its time. What is longer than an entry's room lies in a block of its own.
+struct NewEntryContents {
+    NameBlock nameBlock;
+    DataBlock dataBlock;
+    WCHAR inlineName[sizeof(ValueCacheEntry::InlineName) / sizeof(WCHAR)];
+    UCHAR inlineData[sizeof(ValueCacheEntry::InlineData)];
+    USHORT nameLength;
+    ULONG capturedLength;
 };
 
-bool AllocateBlocks(const UNICODE_STRING& valueName, ULONG captured, InsertBlocks& blocks) {
-    if (valueName.Length > sizeof(ValueCacheEntry::InlineName)) {
-        blocks.name.Reset(
-            static_cast<PWSTR>(ExAllocatePoolWithTag(PagedPool, valueName.Length, kCacheNameTag)));
-        if (!blocks.name) {
-            return false;
-        }
+/// False: no memory, or no name to tell the value by.
+bool CopyName(const UNICODE_STRING& name, NewEntryContents& contents) {
+    contents.nameLength = name.Length;
+    PWSTR to = contents.inlineName;
+    if (contents.nameLength > sizeof(contents.inlineName)) {
+        contents.nameBlock.Reset(static_cast<PWSTR>(
+            ExAllocatePoolWithTag(PagedPool, contents.nameLength, kCacheNameTag)));
+        to = contents.nameBlock.Get();
     }
-    if (captured > sizeof(ValueCacheEntry::InlineData)) {
-        blocks.data.Reset(
-            static_cast<UCHAR*>(ExAllocatePoolWithTag(PagedPool, captured, kCacheDataTag)));
-        if (!blocks.data) {
-            return false;
-        }
+    return to != nullptr && CopyFromCaller(to, name.Buffer, contents.nameLength);
+}
+
+/// False: no memory. Data that cannot be read are remembered as none.
+bool CopyData(const REG_SET_VALUE_KEY_INFORMATION& set, ULONG captured,
+              NewEntryContents& contents) {
+    PUCHAR to = contents.inlineData;
+    if (captured > sizeof(contents.inlineData)) {
+        contents.dataBlock.Reset(
+            static_cast<PUCHAR>(ExAllocatePoolWithTag(PagedPool, captured, kCacheDataTag)));
+        to = contents.dataBlock.Get();
     }
+    if (to == nullptr) {
+        return false;
+    }
+    contents.capturedLength = CopyFromCaller(to, set.Data, captured) ? captured : 0;
     return true;
 }
 
-void TakeName(ValueCacheEntry& entry, const UNICODE_STRING& name, NameBlock block) {
-    if (block) {
-        entry.ValueName = {0, name.Length, block.Detach()};
+void TakeName(ValueCacheEntry& entry, NewEntryContents& contents) {
+    const USHORT length = contents.nameLength;
+    if (contents.nameBlock) {
+        entry.ValueName = {length, length, contents.nameBlock.Detach()};
         InterlockedIncrement64(&CacheTotals.AllocatedNames);
     } else {
-        entry.ValueName = {0, sizeof(entry.InlineName), entry.InlineName};
+        RtlCopyMemory(entry.InlineName, contents.inlineName, length);
+        entry.ValueName = {length, sizeof(entry.InlineName), entry.InlineName};
         InterlockedIncrement64(&CacheTotals.InlineNames);
     }
-    RtlCopyUnicodeString(&entry.ValueName, &name);
 }
 
-void TakeData(ValueCacheEntry& entry, const REG_SET_VALUE_KEY_INFORMATION& set, ULONG captured,
-              DataBlock block) {
-    entry.Value.DataType = set.Type;
-    if (block) {
-        entry.Value.Data = block.Detach();
+void TakeData(ValueCacheEntry& entry, NewEntryContents& contents) {
+    if (contents.dataBlock) {
+        entry.Value.Data = contents.dataBlock.Detach();
         InterlockedIncrement64(&CacheTotals.AllocatedData);
     } else {
+        RtlCopyMemory(entry.InlineData, contents.inlineData, contents.capturedLength);
         entry.Value.Data = entry.InlineData;
         InterlockedIncrement64(&CacheTotals.InlineData);
     }
-    const bool readable = CopyFromCaller(entry.Value.Data, set.Data, captured);
-    entry.CapturedLength = readable ? captured : 0;
-    entry.DataLength = set.DataSize;
-    entry.Pending = nullptr;
+    entry.CapturedLength = contents.capturedLength;
 }
 
 void AddTotals(const ValueCache& cache) {
@@ -362,9 +381,9 @@ bool ValueCacheInsert(DriverState* state, KeyObjectContext* context,
                       const REG_SET_VALUE_KEY_INFORMATION& set, bool recorded) {
     ValueCache& cache = *context->ProcessContext->ValueCachePointer();
     const ValueCacheKey key = CacheKeyOf(*context);
-    const ULONG captured = CapturedSize(*state, set.DataSize);
-    InsertBlocks blocks;
-    if (key.Identity == 0 || !AllocateBlocks(*set.ValueName, captured, blocks)) {
+    NewEntryContents contents;
+    if (key.Identity == 0 || !CopyName(*set.ValueName, contents) ||
+        !CopyData(set, CapturedSize(*state, set.DataSize), contents)) {
         return false;
     }
     const GuardedMutexGuard guard(*cache.Lock);
@@ -378,10 +397,13 @@ bool ValueCacheInsert(DriverState* state, KeyObjectContext* context,
     entry.Cache = &cache;
     entry.UseCount = 0;
     SetFlags(entry, recorded ? ENTRY_RECORDED : 0);
-    TakeName(entry, *set.ValueName, std::move(blocks.name));
+    entry.Value.DataType = set.Type;
+    entry.DataLength = set.DataSize;
+    entry.Pending = nullptr;
+    TakeName(entry, contents);
+    TakeData(entry, contents);
     EnterRing(cache, entry);
     InsertTailList(&cache.IdleList, &entry.AgeLinks);
-    TakeData(entry, set, captured, std::move(blocks.data));
     return true;
 }
 
@@ -408,24 +430,6 @@ bool ValueCacheSetPending(DriverState* state, ValueCacheEntry* entry,
     }
     entry->Pending = pending;
     return true;
-}
-
-bool ValueCacheIsConsistent(ValueCache* cache) {
-    const GuardedMutexGuard guard(*cache->Lock);
-    ULONG ringMembers = 0;
-    for (const LIST_ENTRY& bucket : cache->Buckets) {
-        for (PLIST_ENTRY link = bucket.Flink; link != &bucket; link = link->Flink) {
-            const auto* const ring = CONTAINING_RECORD(link, ValueCacheEntry, BucketLinks);
-            if (&BucketOf(*cache, ring->Key) != &bucket) {
-                return false;
-            }
-            ringMembers += 1 + CountLinks(ring->KeyLinks);
-        }
-    }
-    const ULONG idle = CountLinks(cache->IdleList);
-    const ULONG busy = CountLinks(cache->BusyList);
-    return ringMembers == idle + busy &&
-           idle + busy + CountLinks(cache->FreeList) == kCacheEntryCount;
 }
 
 }  // namespace zpregflt

@@ -1,0 +1,316 @@
+// Which sets and deletions of values are recorded, what the records hold, and what becomes of
+// caller memory that cannot be read.
+#include "driver/driver_fixture.h"
+#include "intercept/registry_callback.h"
+#include "kernel/unreadable_memory.h"
+
+#include <cstring>
+
+namespace driver_test {
+
+namespace {
+
+using namespace zpregflt;
+using platform::DeleteValue;
+using platform::MakeKey;
+using platform::SetValue;
+using platform::UnreadableMemory;
+
+constexpr std::u16string_view kKey = u"\\REGISTRY\\MACHINE\\Values";
+
+std::string TextAt(const std::byte* record, ULONG offset) {
+    return platform::ToUtf8(reinterpret_cast<const char16_t*>(record + offset));
+}
+
+std::string BytesAt(const std::byte* record, ULONG offset, ULONG length) {
+    return {reinterpret_cast<const char*>(record + offset), length};
+}
+
+/// "name type 3: data (size), was data (size)", sizes where not all was captured.
+std::string Describe(const ValueSetRecord& set) {
+    const auto* const record = reinterpret_cast<const std::byte*>(&set);
+    const auto data = [&](ULONG offset, ULONG captured, ULONG size) {
+        return BytesAt(record, offset, captured) +
+               (captured != size ? " (" + std::to_string(size) + ")" : "");
+    };
+    std::string text = TextAt(record, set.ValueNameOffset) + " type " +
+                       std::to_string(set.ValueType) + ": " +
+                       data(ValueSetRecord::kDataOffset, set.CapturedLength, set.DataSize);
+    if (set.PreviousOffset != 0) {
+        EXPECT_EQ(set.PreviousOffset % 4, 0u);
+        text += ", was " + data(set.PreviousOffset, set.PreviousCapturedLength, set.PreviousSize);
+    }
+    return text;
+}
+
+using Lines = std::vector<std::string>;
+
+class ValueRecordsTest : public DriverTest {
+protected:
+    /// What is recorded while `actions` run in the worker process, with one key of it open.
+    template <typename Actions>
+    Lines Recorded(Actions actions) {
+        auto loan = TheClient().Lend();
+        {
+            const ThreadScope thread(Worker());
+            const KeyHandle key = MakeKey(kKey);
+            actions(static_cast<HANDLE>(key));
+        }
+        EXPECT_EQ(TheClient().Flush(), STATUS_SUCCESS);
+        EXPECT_EQ(loan->Wait(), STATUS_SUCCESS);
+        Lines lines;
+        for (const Record& record : loan->Records()) {
+            const std::byte* const bytes = loan->Memory().data() + record.offset;
+            if (record.header.Type == RecordType::kValueSet) {
+                lines.push_back(Describe(*reinterpret_cast<const ValueSetRecord*>(bytes)));
+            } else if (record.header.Type == RecordType::kValueDeleted) {
+                lines.push_back("deleted " + TextAt(bytes, NameRecord::kNameOffset));
+            } else if (record.header.Type == RecordType::kKeyRenamed) {
+                lines.push_back("renamed " + TextAt(bytes, NameRecord::kNameOffset));
+            } else if (record.header.Type == RecordType::kKeyInformationSet) {
+                const auto& set = *reinterpret_cast<const InformationRecord*>(bytes);
+                lines.push_back("information " + std::to_string(set.InformationClass) + ": " +
+                                BytesAt(bytes, sizeof(set), set.DataLength));
+            }
+        }
+        return lines;
+    }
+
+    void StartReporting(bool original, ULONG captureMaxSize = 0xFFFFFFFF) {
+        SetParameter(u"Report", u"Original", original ? 1 : 0);
+        SetParameter(u"Report", u"CaptureMaxSize", captureMaxSize);
+        StartRecording(~0u);
+        other_ = machine_->StartProcess({.imagePath = u"\\other.exe"});
+    }
+    void TearDown() override {
+        if (other_) machine_->ExitProcess(*other_);
+    }
+    /// Another process sets a value of the same key.
+    void SetElsewhere(std::u16string_view name, std::string_view data) {
+        const ThreadScope thread(*other_);
+        EXPECT_EQ(SetValue(MakeKey(kKey), name, 3, data), STATUS_SUCCESS);
+    }
+    /// Nobody that is watched does.
+    void SetUnseen(std::u16string_view name, std::string_view data) {
+        machine_->SetRegistryValue(kKey, name, 3, data.data(), data.size());
+    }
+
+    platform::ObjectRef<platform::Process> other_;
+};
+
+TEST_F(ValueRecordsTest, OnlyChangesAreRecorded) {
+    StartReporting(false);
+    EXPECT_EQ(Recorded([&](HANDLE key) {
+                  SetValue(key, u"a", 3, "1");
+                  SetValue(key, u"a", 3, "1");
+                  SetValue(key, u"a", 1, "1");
+                  SetValue(key, u"a", 1, "");
+                  DeleteValue(key, u"a");
+                  DeleteValue(key, u"a");
+                  SetValue(key, u"a", 1, "");
+              }),
+              (Lines{"a type 3: 1", "a type 1: 1", "a type 1: ", "deleted a", "a type 1: "}));
+    // What counts is what the process itself set last.
+    EXPECT_EQ(Recorded([&](HANDLE key) {
+                  SetValue(key, u"b", 3, "X");
+                  SetElsewhere(u"b", "Y");
+                  SetValue(key, u"b", 3, "X");
+              }),
+              (Lines{"b type 3: X", "b type 3: Y"}));
+    // Failing that, what the registry holds; once asked, it is not asked again.
+    SetUnseen(u"Path", "old");
+    EXPECT_EQ(Recorded([&](HANDLE key) {
+                  SetValue(key, u"Path", 3, "old");
+                  const FaultPlan queries({.routine = "ZwQueryValueKey", .nth = 1000});
+                  SetValue(key, u"Path", 3, "old");
+                  EXPECT_EQ(queries.MatchingCalls(), 0u);
+                  // Names in the cache have their case; those in the registry do not.
+                  SetValue(key, u"PATH", 3, "old");
+                  EXPECT_EQ(queries.MatchingCalls(), 2u);
+              }),
+              Lines{});
+    // A key's node at a reused address is another key's: its values are unknown.
+    EXPECT_EQ(Recorded([&](HANDLE key) {
+                  for (int round = 0; round < 3; ++round) {
+                      const KeyHandle sub =
+                          MakeKey(std::u16string(kKey) + u"\\Sub" + char16_t(u'0' + round));
+                      SetValue(sub, u"v", 3, "same");
+                      NtDeleteKey(sub);
+                  }
+                  SetValue(key, u"c", 3, "1");
+              }),
+              (Lines{"v type 3: same", "v type 3: same", "v type 3: same", "c type 3: 1"}));
+}
+
+TEST_F(ValueRecordsTest, TheCacheForgetsWhatHasBeenIdleLongest) {
+    StartReporting(false);
+    const auto nameOf = [](int i) { return std::u16string(1, static_cast<char16_t>(u'a' + i)); };
+    EXPECT_EQ(Recorded([&](HANDLE key) {
+                  for (int i = 0; i < 16; ++i)
+                      SetUnseen(nameOf(i), "0"), SetValue(key, nameOf(i), 3, "0");
+                  SetValue(key, nameOf(0), 3, "0");  // not the oldest any more
+                  SetValue(key, nameOf(16), 3, "new");
+                  SetElsewhere(nameOf(0), "1");
+                  SetElsewhere(nameOf(1), "1");
+                  SetValue(key, nameOf(0), 3, "0");  // known to be what it was
+                  SetValue(key, nameOf(1), 3, "0");  // forgotten
+              }),
+              (Lines{"q type 3: new", "a type 3: 1", "b type 3: 1", "b type 3: 0"}));
+}
+
+TEST_F(ValueRecordsTest, PreviousData) {
+    StartReporting(true);
+    SetUnseen(u"a", "before");
+    SetUnseen(u"b", "before");
+    EXPECT_EQ(Recorded([&](HANDLE key) {
+                  SetValue(key, u"new", 3, "1");
+                  SetValue(key, u"a", 3, "after");
+                  // The record before this one tells.
+                  SetValue(key, u"a", 3, "later");
+                  // No record tells: it is read from the registry, whoever set it.
+                  SetValue(key, u"b", 3, "before");
+                  SetValue(key, u"b", 3, "after");
+                  SetElsewhere(u"b", "elsewhere");
+                  SetValue(key, u"b", 3, "last");
+              }),
+              (Lines{"new type 3: 1", "a type 3: after, was before", "a type 3: later",
+                     "b type 3: after, was before", "b type 3: elsewhere, was after",
+                     "b type 3: last, was elsewhere"}));
+}
+
+TEST_F(ValueRecordsTest, CaptureLimit) {
+    StartReporting(true, 4);
+    SetUnseen(u"a", "12345678");
+    EXPECT_EQ(Recorded([&](HANDLE key) {
+                  SetValue(key, u"a", 3, "abcdefgh");
+                  // As long as what was captured, and equal to it: nothing new.
+                  SetValue(key, u"a", 3, "abcd");
+                  SetValue(key, u"a", 3, "abcdefgh");
+              }),
+              (Lines{"a type 3: abcd (8), was 1234 (8)", "a type 3: abcd (8)"}));
+    EXPECT_EQ(TheClient().SetNumber(IOCTL_ZPRF_SET_CAPTURE_MAX_SIZE, 0), STATUS_SUCCESS);
+    EXPECT_EQ(Recorded([](HANDLE key) { SetValue(key, u"b", 3, "abc"); }), Lines{"b type 3:  (3)"});
+}
+
+/// Notifications as the configuration manager would raise them, with memory that it does not have.
+class Notifier {
+public:
+    explicit Notifier(HANDLE key) : context_(ContextOf(key)) {
+        EXPECT_EQ(ObReferenceObjectByHandle(key, 0, nullptr, KernelMode, &object_, nullptr),
+                  STATUS_SUCCESS);
+    }
+    ~Notifier() { ObfDereferenceObject(object_); }
+    Notifier(const Notifier&) = delete;
+    Notifier& operator=(const Notifier&) = delete;
+
+    /// A whole operation that succeeds; between the notifications the caller's data go from
+    /// `before` to `after`.
+    void Set(UNICODE_STRING name, const void* before, const void* after, ULONG size) {
+        REG_SET_VALUE_KEY_INFORMATION set = {
+            object_, &name, 0, 3, const_cast<void*>(before), size, nullptr, context_, nullptr};
+        RegistryCallback(&State, reinterpret_cast<PVOID>(RegNtPreSetValueKey), &set);
+        set.Data = const_cast<void*>(after);
+        Finish(RegNtPostSetValueKey, set, set.CallContext);
+    }
+    void Delete(UNICODE_STRING name) {
+        REG_DELETE_VALUE_KEY_INFORMATION deletion = {object_, &name, nullptr, context_, nullptr};
+        Finish(RegNtPostDeleteValueKey, deletion, nullptr);
+    }
+    void Rename(UNICODE_STRING name) {
+        REG_RENAME_KEY_INFORMATION rename = {object_, &name, nullptr, context_, nullptr};
+        Finish(RegNtPostRenameKey, rename, nullptr);
+    }
+    void SetInformation(const void* data, ULONG size) {
+        REG_SET_INFORMATION_KEY_INFORMATION set = {
+            object_, KeyWriteTimeInformation, const_cast<void*>(data), size, nullptr, context_,
+            nullptr};
+        Finish(RegNtPostSetInformationKey, set, nullptr);
+    }
+
+private:
+    template <typename Information>
+    void Finish(ULONG64 notifyClass, Information& information, PVOID callContext) {
+        REG_POST_OPERATION_INFORMATION post = {object_,     STATUS_SUCCESS, &information, 0,
+                                               callContext, context_,       nullptr};
+        RegistryCallback(&State, reinterpret_cast<PVOID>(notifyClass), &post);
+    }
+
+    PVOID object_ = nullptr;
+    KeyObjectContext* context_;
+};
+
+UNICODE_STRING NameAt(void* memory, std::size_t bytes) {
+    return {static_cast<USHORT>(bytes), static_cast<USHORT>(bytes), static_cast<PWSTR>(memory)};
+}
+
+/// Around what fits into an entry, a chunk of a comparison and an aligned word.
+constexpr std::size_t kSizes[] = {1, 2, 8, 31, 32, 33, 255, 256, 257, 1000};
+
+TEST_F(ValueRecordsTest, DataThatCannotBeRead) {
+    StartReporting(true);
+    UnreadableMemory memory;
+    for (const std::size_t size : kSizes) {
+        const std::string data(size, 'd');
+        const std::string other(size, 'o');
+        const std::string lost = "v type 3:  (" + std::to_string(size) + ")";
+        SetUnseen(u"held", data);
+        for (const std::size_t readable : {std::size_t{0}, size / 2, size - 1}) {
+            SCOPED_TRACE(std::to_string(readable) + " of " + std::to_string(size));
+            const void* const bad = memory.Place(data, readable);
+            EXPECT_EQ(Recorded([&](HANDLE key) {
+                          UNICODE_STRING heldName = platform::Describe(u"held");
+                          UNICODE_STRING name = platform::Describe(u"v");
+                          Notifier notifier(key);
+                          // Nothing to compare it with: it is a change.
+                          notifier.Set(name, bad, bad, static_cast<ULONG>(size));
+                          // The cache now holds no data, so that this is one, too; what the
+                          // process sets afterwards is known again.
+                          notifier.Set(name, data.data(), data.data(), static_cast<ULONG>(size));
+                          // A held entry keeps what it knows when the new data go away.
+                          notifier.Set(name, other.data(), bad, static_cast<ULONG>(size));
+                          notifier.Set(name, data.data(), data.data(), static_cast<ULONG>(size));
+                          // Not to be compared with what is known: no change.
+                          notifier.Set(name, bad, bad, static_cast<ULONG>(size));
+                          notifier.Set(heldName, bad, bad, static_cast<ULONG>(size));
+                          notifier.Delete(name);
+                          notifier.Delete(heldName);
+                          // The system call itself refuses such data.
+                          EXPECT_EQ(NtSetValueKey(key, &name, 0, 3, const_cast<void*>(bad),
+                                                  static_cast<ULONG>(size)),
+                                    STATUS_ACCESS_VIOLATION);
+                      }),
+                      (Lines{lost, "v type 3: " + data, lost, "deleted v", "deleted held"}));
+            EXPECT_EQ(Recorded([&](HANDLE key) {
+                          Notifier(key).SetInformation(bad, static_cast<ULONG>(size));
+                          Notifier(key).SetInformation(data.data(), static_cast<ULONG>(size));
+                      }),
+                      (Lines{"information 0: ", "information 0: " + data}));
+        }
+    }
+}
+
+TEST_F(ValueRecordsTest, NamesThatCannotBeRead) {
+    StartReporting(true);
+    UnreadableMemory memory;
+    for (const std::size_t size : {2u, 4u, 32u, 34u, 256u, 1000u}) {
+        const std::string text(size, 'n');
+        for (const std::size_t readable : {std::size_t{0}, std::size_t{1}, size / 2, size - 1}) {
+            SCOPED_TRACE(std::to_string(readable) + " of " + std::to_string(size));
+            const UNICODE_STRING bad = NameAt(memory.Place(text, readable), size);
+            EXPECT_EQ(Recorded([&](HANDLE key) {
+                          Notifier notifier(key);
+                          SetValue(key, u"v", 3, text);  // the process has a cache to look into
+                          notifier.Delete(bad);
+                          notifier.Rename(bad);
+                          // The key still has its name, and the value its entry.
+                          EXPECT_EQ(SetValue(key, u"v", 3, text), STATUS_SUCCESS);
+                          DeleteValue(key, u"v");
+                      }),
+                      (Lines{"v type 3: " + text, "deleted ", "renamed ", "deleted v"}));
+        }
+    }
+}
+
+}  // namespace
+
+}  // namespace driver_test
