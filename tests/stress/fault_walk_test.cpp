@@ -2,8 +2,7 @@
 #include "driver/driver_state.h"
 #include "platform/kernel/io.h"
 #include "records/record_format.h"
-#include "stress/lending_client.h"
-#include "zpregmon/replay/drivers.h"
+#include "stress/stress_test.h"
 
 #include <gtest/gtest.h>
 
@@ -12,8 +11,6 @@
 namespace stress {
 
 namespace {
-
-constexpr char16_t kClientImage[] = u"\\Device\\HarddiskVolume1\\client.exe";
 
 using zpregflt::RecordType;
 
@@ -29,9 +26,12 @@ public:
         : key_(u"\\REGISTRY\\MACHINE\\visit" + platform::ToUtf16(std::to_string(number))) {}
 
     /// Every operation succeeds, whatever becomes of the driver's own calls.
-    void Run() {
+    void Run(platform::Machine& machine) {
         HANDLE created = Create();
         HANDLE again = Create();
+        // A value that the process comes to know without a record.
+        machine.SetRegistryDword(key_, u"known", 1);
+        Set(again, u"known", std::string("\1\0\0\0", 4), REG_DWORD);
         SetValues(again);
         EXPECT_EQ(NtFlushKey(again), STATUS_SUCCESS);
         std::u16string newName = key_.substr(key_.rfind(u'\\') + 1) + u"r";
@@ -45,7 +45,7 @@ public:
     /// What a visit without a failure leaves; with one, some may be missing or lack their name.
     RecordCounts Expected() const {
         const std::u16string after = key_ + u"r";
-        return {{Id(RecordType::kKeyCreated, key_), 1},   {Id(RecordType::kValueSet, key_), 4},
+        return {{Id(RecordType::kKeyCreated, key_), 1},   {Id(RecordType::kValueSet, key_), 5},
                 {Id(RecordType::kValueDeleted, key_), 1}, {Id(RecordType::kKeyFlushed, key_), 1},
                 {Id(RecordType::kKeyRenamed, key_), 1},   {Id(RecordType::kKeyDeleted, after), 1}};
     }
@@ -65,15 +65,17 @@ private:
         return key;
     }
 
-    static void Set(HANDLE key, const std::u16string& valueName, const std::string& data) {
+    static void Set(HANDLE key, const std::u16string& valueName, const std::string& data,
+                    ULONG type = REG_BINARY) {
         UNICODE_STRING name = platform::Describe(valueName);
-        EXPECT_EQ(NtSetValueKey(key, &name, 0, REG_BINARY, const_cast<char*>(data.data()),
+        EXPECT_EQ(NtSetValueKey(key, &name, 0, type, const_cast<char*>(data.data()),
                                 static_cast<ULONG>(data.size())),
                   STATUS_SUCCESS);
     }
 
     static void SetValues(HANDLE key) {
         const std::u16string longName(40, u'n');
+        Set(key, u"known", "known no more");
         Set(key, u"v", "short");
         Set(key, u"v", "short");
         Set(key, u"v", std::string(100, 'l'));
@@ -86,47 +88,27 @@ private:
     std::u16string key_;
 };
 
-class FaultWalkTest : public testing::TestWithParam<const char*> {
+class FaultWalkTest : public StressTest, public testing::WithParamInterface<const char*> {
 protected:
     void SetUp() override {
-        machine_.SetRegistryStrings(platform::ServiceKeyPath(u"zpklib"), u"TrustedImages",
-                                    {kClientImage});
-        const std::u16string report =
-            platform::ServiceKeyPath(u"zpregflt") + u"\\Parameters\\Report";
-        machine_.SetRegistryDword(
-            report, u"Operations",
-            zpregflt::operation::kCreateKeyEx | zpregflt::operation::kFlushKey);
-        machine_.SetRegistryDword(report, u"Original", 1);
-        ASSERT_EQ(machine_.LoadDriver(zpregmon::SupportLibraryImage()), STATUS_SUCCESS);
-        ASSERT_EQ(machine_.LoadDriver(zpregmon::RegistryMonitorImage()), STATUS_SUCCESS);
-        client_ = machine_.StartProcess({.imagePath = kClientImage});
-    }
-    void TearDown() override {
-        machine_.ExitProcess(*client_);
-        // The machine stops if a pool tag of a driver is not back at zero.
-        EXPECT_EQ(machine_.UnloadDriver(u"zpregflt"), STATUS_SUCCESS);
-        EXPECT_EQ(machine_.UnloadDriver(u"zpklib"), STATUS_SUCCESS);
+        Boot(zpregflt::operation::kCreateKeyEx | zpregflt::operation::kFlushKey);
     }
 
     /// A process of its own makes the visit, with the `nth` call of the routine failing. False:
     /// there is no nth call.
     bool VisitWithFault(Visit& visit, std::uint64_t nth) {
-        const auto process =
-            machine_.StartProcess({.imagePath = u"\\Device\\HarddiskVolume1\\visitor.exe"});
+        const auto process = StartMonitored();
         bool fired = false;
         {
             const platform::ThreadScope thread(*process);
             const platform::FaultPlan plan(
                 {.routine = GetParam(), .nth = nth, .thisThreadOnly = true});
-            visit.Run();
+            visit.Run(machine_);
             fired = plan.Fired();
         }
         machine_.ExitProcess(*process);
         return fired;
     }
-
-    platform::Machine machine_;
-    platform::ObjectRef<platform::Process> client_;
 };
 
 /// Records without a name count for what they are of.

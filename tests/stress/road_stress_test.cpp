@@ -2,36 +2,20 @@
 #include "channel/memory.h"
 #include "client/dump_file.h"
 #include "intercept/operation_table.h"
-#include "platform/kernel/process.h"
 #include "records/record_format.h"
-#include "stress/lending_client.h"
-#include "zpregmon/replay/drivers.h"
+#include "stress/stress_test.h"
 
 #include <gtest/gtest.h>
 
 #include <unistd.h>
-#include <chrono>
 #include <cstdio>
-#include <cstdlib>
 #include <thread>
 
 namespace stress {
 
 namespace {
 
-constexpr char16_t kClientImage[] = u"\\Device\\HarddiskVolume1\\client.exe";
 constexpr int kWorkers = 8;
-
-/// Together a minute where races are looked for; a moment elsewhere.
-std::chrono::seconds WorkTime() {
-#if defined(__SANITIZE_THREAD__)
-    constexpr int kSeconds = 30;
-#else
-    constexpr int kSeconds = 5;
-#endif
-    const char* chosen = std::getenv("ZPREGFLT_STRESS_SECONDS");
-    return std::chrono::seconds(chosen != nullptr ? std::atoi(chosen) : kSeconds);
-}
 
 /// Creates keys, flushes them through a second handle, and deletes them again.
 class Worker {
@@ -107,30 +91,19 @@ RecordCounts ReadDumpFile(const std::string& path) {
     return counts;
 }
 
-class RoadStressTest : public testing::TestWithParam<bool> {
+class RoadStressTest : public StressTest, public testing::WithParamInterface<bool> {
 protected:
     void SetUp() override {
-        machine_.SetRegistryStrings(platform::ServiceKeyPath(u"zpklib"), u"TrustedImages",
-                                    {kClientImage});
-        machine_.SetRegistryDword(
-            platform::ServiceKeyPath(u"zpregflt") + u"\\Parameters\\Report", u"Operations",
-            zpregflt::operation::kCreateKeyEx | zpregflt::operation::kFlushKey);
-        ASSERT_EQ(machine_.LoadDriver(zpregmon::SupportLibraryImage()), STATUS_SUCCESS);
-        ASSERT_EQ(machine_.LoadDriver(zpregmon::RegistryMonitorImage()), STATUS_SUCCESS);
-        client_ = machine_.StartProcess({.imagePath = kClientImage});
-        monitored_ = machine_.StartProcess({.imagePath = u"\\Device\\HarddiskVolume1\\worker.exe"});
+        Boot(zpregflt::operation::kCreateKeyEx | zpregflt::operation::kFlushKey);
+        monitored_ = StartMonitored();
         dumpPath_ = testing::TempDir() + "zpregflt_stress_" + std::to_string(::getpid());
     }
     void TearDown() override {
         machine_.ExitProcess(*monitored_);
-        machine_.ExitProcess(*client_);
-        EXPECT_EQ(machine_.UnloadDriver(u"zpregflt"), STATUS_SUCCESS);
-        EXPECT_EQ(machine_.UnloadDriver(u"zpklib"), STATUS_SUCCESS);
+        StressTest::TearDown();
         std::remove(dumpPath_.c_str());
     }
 
-    platform::Machine machine_;
-    platform::ObjectRef<platform::Process> client_;
     platform::ObjectRef<platform::Process> monitored_;
     std::string dumpPath_;
 };
@@ -177,7 +150,7 @@ TEST_P(RoadStressTest, EveryWrittenRecordArrives) {
     std::vector<std::thread> threads;
     for (Worker& worker : workers)
         threads.emplace_back([&] { worker.Run(stop); });
-    const auto end = std::chrono::steady_clock::now() + WorkTime();
+    const auto end = std::chrono::steady_clock::now() + WorkTime(30);
     while (std::chrono::steady_clock::now() < end) {
         if (dumpAll) machine_.NotifyShutdown();
         std::this_thread::yield();
