@@ -204,8 +204,8 @@ ObjectRef<Process> Machine::StartProcess(const ProcessOptions& options) {
 void Machine::ExitProcess(Process& process, NTSTATUS) {
     const ObjectRef<Process> keep(&process);
     const ThreadScope inProcess(process);
-    CloseAllHandles(process);
     NotifyProcessExit(process);
+    CloseAllHandles(process);
     RemoveProcess(process);
 }
 

@@ -69,8 +69,8 @@ public:
     /// that refuses gives null. Throws std::invalid_argument for an id that is in use or no
     /// multiple of 4.
     ObjectRef<Process> StartProcess(const ProcessOptions& options);
-    /// Closes the process's handles (in its context) and raises the exit notification. Its threads
-    /// must have left kernel mode.
+    /// Raises the exit notification and then closes the process's handles, both in its context. Its
+    /// threads must have left kernel mode.
     void ExitProcess(Process& process, NTSTATUS exitStatus = STATUS_SUCCESS);
     Process& SystemProcess();
 

@@ -56,6 +56,11 @@ TEST_F(RegistryQueryTest, EveryBufferLengthGetsItsAnswer) {
         {"key full", Key(KeyFullInformation), 44, 44 + 8},
         {"key name", Key(KeyNameInformation), 4, 4 + kFullName - 2},
         {"key cached", Key(KeyCachedInformation), 40, 40},
+        {"key flags", Key(KeyFlagsInformation), 12, 12},
+        {"key virtualization", Key(KeyVirtualizationInformation), 4, 4},
+        {"key handle tags", Key(KeyHandleTagsInformation), 4, 4},
+        {"key trust", Key(KeyTrustInformation), 4, 4},
+        {"key layer", Key(KeyLayerInformation), 4, 4},
         {"subkey basic", Subkey(0, KeyBasicInformation), 16, 16 + 6},
         {"subkey node", Subkey(0, KeyNodeInformation), 24, 24 + 6 + 8},
         {"subkey node without class", Subkey(1, KeyNodeInformation), 24, 24 + 12},
@@ -149,7 +154,9 @@ TEST_F(RegistryQueryTest, EndsAndClassesThatDoNotExist) {
     EXPECT_EQ(ValueAt(2, KeyValueBasicInformation)(buffer, 64, &length), STATUS_NO_MORE_ENTRIES);
     EXPECT_EQ(Subkey(~0U, KeyBasicInformation)(buffer, 64, &length), STATUS_NO_MORE_ENTRIES);
     EXPECT_EQ(Subkey(0, KeyNameInformation)(buffer, 64, &length), STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(Key(KeyFlagsInformation)(buffer, 64, &length), STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(Subkey(0, KeyFlagsInformation)(buffer, 64, &length), STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(Key(static_cast<KEY_INFORMATION_CLASS>(10))(buffer, 64, &length),
+              STATUS_INVALID_PARAMETER);
     EXPECT_EQ(ValueAt(0, static_cast<KEY_VALUE_INFORMATION_CLASS>(5))(buffer, 64, &length),
               STATUS_INVALID_PARAMETER);
 }

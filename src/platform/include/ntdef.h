@@ -10,11 +10,7 @@
 
 // NTAPI marks every function that crosses between kernel modules: the Microsoft x64 calling
 // convention, also where the host's own convention differs.
-#if defined(_WIN32)
-#define NTAPI
-#else
 #define NTAPI __attribute__((ms_abi))
-#endif
 
 static_assert(sizeof(wchar_t) == 2, "build with -fshort-wchar: WCHAR is a UTF-16 code unit");
 static_assert(sizeof(void*) == 8, "64-bit systems only");

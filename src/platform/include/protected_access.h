@@ -1,6 +1,7 @@
 // Access to memory that may be unreadable or unwritable, or may become so at any moment.
 //
-// Linux only: on Windows the same is done with structured exception handling.
+// On Windows structured exception handling (src/windows/protected_access.cpp), on Linux a signal
+// handler of the platform.
 #pragma once
 
 #include "ntdef.h"

@@ -482,55 +482,9 @@ inline USHORT QueryDepthSList(const SLIST_HEADER* head) {
     return static_cast<USHORT>(__atomic_load_n(&head->Alignment, __ATOMIC_RELAXED) & 0xFFFF);
 }
 
-// Nonpaged lookaside lists. IRQL <= DISPATCH_LEVEL. The platform has them as routines, so that it
-// can make them fail and follow each block.
-#if defined(_WIN32)
-inline PVOID ExAllocateFromNPagedLookasideList(PNPAGED_LOOKASIDE_LIST list) {
-    GENERAL_LOOKASIDE& l = list->L;
-    __atomic_fetch_add(&l.TotalAllocates, 1, __ATOMIC_RELAXED);
-    PVOID block = ExpInterlockedPopEntrySList(&l.ListHead);
-    if (block == nullptr) {
-        __atomic_fetch_add(&l.AllocateMisses, 1, __ATOMIC_RELAXED);
-        block = l.Allocate(l.Type, l.Size, l.Tag);
-    }
-    return block;
-}
+// Nonpaged lookaside lists, the system time and NTKERNEL_DATA: not the same on both systems.
+#include <system_inlines.h>
 
-inline void ExFreeToNPagedLookasideList(PNPAGED_LOOKASIDE_LIST list, PVOID block) {
-    GENERAL_LOOKASIDE& l = list->L;
-    __atomic_fetch_add(&l.TotalFrees, 1, __ATOMIC_RELAXED);
-    if (QueryDepthSList(&l.ListHead) >= __atomic_load_n(&l.Depth, __ATOMIC_RELAXED)) {
-        __atomic_fetch_add(&l.FreeMisses, 1, __ATOMIC_RELAXED);
-        l.Free(block);
-    } else {
-        ExpInterlockedPushEntrySList(&l.ListHead, static_cast<PSLIST_ENTRY>(block));
-    }
-}
-#else
-extern "C" PVOID NTAPI ExAllocateFromNPagedLookasideList(PNPAGED_LOOKASIDE_LIST list);
-extern "C" void NTAPI ExFreeToNPagedLookasideList(PNPAGED_LOOKASIDE_LIST list, PVOID block);
-#endif
-
-// System time in 100-nanosecond intervals since 1 January 1601 (UTC): one load from a shared page.
-// The page's fixed address cannot be mapped into a Linux process, so the platform has a word of its
-// own there.
-#if defined(_WIN32)
-inline void KeQuerySystemTime(PLARGE_INTEGER time) {
-    time->QuadPart = *reinterpret_cast<const volatile LONGLONG*>(0xFFFFF78000000014ULL);
-}
-#else
-extern "C" volatile LONGLONG KiSharedSystemTime;
-inline void KeQuerySystemTime(PLARGE_INTEGER time) {
-    time->QuadPart = __atomic_load_n(&KiSharedSystemTime, __ATOMIC_RELAXED);
-}
-#endif
-
-// Data exported by the kernel is imported through a pointer slot on Windows.
-#if defined(_WIN32)
-#define NTKERNEL_DATA __declspec(dllimport)
-#else
-#define NTKERNEL_DATA
-#endif
 extern "C" {
 extern NTKERNEL_DATA POBJECT_TYPE* IoFileObjectType;
 extern NTKERNEL_DATA POBJECT_TYPE* PsProcessType;

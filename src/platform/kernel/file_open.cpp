@@ -58,6 +58,16 @@ NTSTATUS OpenDevice(ObjectRef<DEVICE_OBJECT> device, std::u16string_view rest,
 
 }  // namespace
 
+NTSTATUS CaptureFileName(const CallerMemory& memory, POBJECT_ATTRIBUTES attributes,
+                         CapturedString& name) {
+    OBJECT_ATTRIBUTES given;
+    if (!memory.Load(given, attributes)) return STATUS_ACCESS_VIOLATION;
+    if (given.Length != sizeof given) return STATUS_INVALID_PARAMETER;
+    if (given.ObjectName == nullptr) return STATUS_OBJECT_PATH_SYNTAX_BAD;
+    if (given.RootDirectory != nullptr) return STATUS_NOT_SUPPORTED;
+    return name.Capture(memory, given.ObjectName);
+}
+
 NTSTATUS OpenFile(std::u16string_view name, const OpenRequest& request, ObjectRef<FileObject>& file,
                   ACCESS_MASK& granted, ULONG_PTR& information) {
     if ((request.options & ~kKnownOptions) != 0) return STATUS_NOT_SUPPORTED;

@@ -107,10 +107,7 @@ NTSTATUS FindOffset(const FileObject& file, const FilePlace& place, LONGLONG& of
             offset = file.position;
             return STATUS_SUCCESS;
         case FilePlace::Kind::kEnd:
-            struct stat information;
-            if (fstat(file.hostFile, &information) != 0) return StatusOfHostError(errno);
-            offset = information.st_size;
-            return STATUS_SUCCESS;
+            return SizeOfHostFile(file, offset);
     }
     return STATUS_INVALID_PARAMETER;
 }
@@ -218,6 +215,28 @@ NTSTATUS WriteHostFile(FileObject& file, const FilePlace& place, const void* buf
         return pwrite(file.hostFile, static_cast<const std::byte*>(buffer) + done, length - done,
                       offset);
     });
+}
+
+NTSTATUS SizeOfHostFile(const FileObject& file, LONGLONG& size) {
+    struct stat information;
+    if (fstat(file.hostFile, &information) != 0) return StatusOfHostError(errno);
+    size = information.st_size;
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS TruncateHostFile(const FileObject& file, LONGLONG size) {
+    int result = 0;
+    do {
+        result = ftruncate(file.hostFile, size);
+    } while (result != 0 && errno == EINTR);
+    return result == 0 ? STATUS_SUCCESS : StatusOfHostError(errno);
+}
+
+bool IsSameHostFile(const FileObject& first, const FileObject& second) {
+    struct stat one;
+    struct stat other;
+    return fstat(first.hostFile, &one) == 0 && fstat(second.hostFile, &other) == 0 &&
+           one.st_dev == other.st_dev && one.st_ino == other.st_ino;
 }
 
 }  // namespace platform

@@ -30,4 +30,10 @@ NTSTATUS ReadHostFile(FileObject& file, const FilePlace& place, void* buffer, UL
 NTSTATUS WriteHostFile(FileObject& file, const FilePlace& place, const void* buffer, ULONG length,
                        ULONG_PTR& transferred);
 
+/// Where the file ends, and making it end there.
+NTSTATUS SizeOfHostFile(const FileObject& file, LONGLONG& size);
+NTSTATUS TruncateHostFile(const FileObject& file, LONGLONG size);
+/// Whether both are open to one and the same file.
+bool IsSameHostFile(const FileObject& first, const FileObject& second);
+
 }  // namespace platform

@@ -113,21 +113,11 @@ NTSTATUS CheckControlAccess(ULONG controlCode, ACCESS_MASK granted) {
     return allowed ? STATUS_SUCCESS : STATUS_ACCESS_DENIED;
 }
 
-NTSTATUS CaptureName(const CallerMemory& memory, POBJECT_ATTRIBUTES attributes,
-                     CapturedString& name) {
-    OBJECT_ATTRIBUTES given;
-    if (!memory.Load(given, attributes)) return STATUS_ACCESS_VIOLATION;
-    if (given.Length != sizeof given) return STATUS_INVALID_PARAMETER;
-    if (given.ObjectName == nullptr) return STATUS_OBJECT_PATH_SYNTAX_BAD;
-    if (given.RootDirectory != nullptr) return STATUS_NOT_SUPPORTED;
-    return name.Capture(memory, given.ObjectName);
-}
-
 /// Opens the file, then the handle; the caller hears of the handle before the status.
 NTSTATUS CreateFileHandle(const CallerMemory& memory, PHANDLE handle, POBJECT_ATTRIBUTES attributes,
                           const OpenRequest& request, ULONG_PTR& information) {
     CapturedString name;
-    NTSTATUS status = CaptureName(memory, attributes, name);
+    NTSTATUS status = CaptureFileName(memory, attributes, name);
     if (!NT_SUCCESS(status)) return status;
     ObjectRef<FileObject> file;
     ACCESS_MASK granted = 0;

@@ -26,6 +26,17 @@ NTSTATUS SetInformationKey(const CallerMemory& memory, HANDLE handle,
                            KEY_SET_INFORMATION_CLASS informationClass, PVOID information,
                            ULONG length);
 
+// key_hives.cpp
+NTSTATUS SaveKey(const CallerMemory& memory, HANDLE handle, HANDLE file, ULONG format);
+NTSTATUS RestoreKey(const CallerMemory& memory, HANDLE handle, HANDLE file, ULONG flags);
+NTSTATUS ReplaceKey(const CallerMemory& memory, POBJECT_ATTRIBUTES newFile, HANDLE handle,
+                    POBJECT_ATTRIBUTES oldFile);
+
+// key_mounts.cpp
+NTSTATUS LoadKey(const CallerMemory& memory, POBJECT_ATTRIBUTES targetKey,
+                 POBJECT_ATTRIBUTES sourceFile);
+NTSTATUS UnloadKey(const CallerMemory& memory, POBJECT_ATTRIBUTES targetKey);
+
 // key_values.cpp
 NTSTATUS SetValueKey(const CallerMemory& memory, HANDLE handle, PUNICODE_STRING valueName,
                      ULONG titleIndex, ULONG type, PVOID data, ULONG dataSize);
@@ -36,6 +47,11 @@ NTSTATUS QueryValueKey(const CallerMemory& memory, HANDLE handle, PUNICODE_STRIN
 NTSTATUS EnumerateValueKey(const CallerMemory& memory, HANDLE handle, ULONG index,
                            KEY_VALUE_INFORMATION_CLASS informationClass, PVOID information,
                            ULONG length, PULONG resultLength);
+
+// key_multiple_values.cpp
+NTSTATUS QueryMultipleValueKey(const CallerMemory& memory, HANDLE handle, PKEY_VALUE_ENTRY entries,
+                               ULONG entryCount, PVOID buffer, PULONG bufferLength,
+                               PULONG requiredLength);
 
 // key_query.cpp
 NTSTATUS QueryKey(const CallerMemory& memory, HANDLE handle, KEY_INFORMATION_CLASS informationClass,

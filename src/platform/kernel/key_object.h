@@ -26,6 +26,10 @@ public:
     /// Guarded by the tree's lock.
     KeyNode& Node() const { return *node_; }
 
+    /// What KeySetHandleTagsInformation set.
+    ULONG HandleTags() const { return handleTags_.load(std::memory_order_relaxed); }
+    void SetHandleTags(ULONG tags) { handleTags_.store(tags, std::memory_order_relaxed); }
+
     /// The context that the callback of this cookie attached; null when it attached none. Any
     /// thread, without a lock.
     void* Context(std::uint64_t cookie) const;
@@ -38,6 +42,7 @@ public:
 
 private:
     KeyNodeRef node_;
+    std::atomic<ULONG> handleTags_{0};
     /// Only grows while the object lives, so that readers need no lock.
     std::atomic<ObjectContext*> contexts_{nullptr};
 };

@@ -66,6 +66,29 @@ void WriteCached(const KeyNode& key, InformationWriter& writer) {
     writer.Fixed(&fixed, sizeof(fixed));
 }
 
+void WriteFlags(const KeyNode& key, InformationWriter& writer) {
+    constexpr ULONG kVolatile = 1;
+    constexpr ULONG kSymbolicLink = 2;
+    KEY_FLAGS_INFORMATION fixed{};
+    fixed.Wow64Flags = key.Flags().wow64;
+    fixed.KeyFlags = (key.IsVolatile() ? kVolatile : 0) | (key.IsLink() ? kSymbolicLink : 0);
+    fixed.ControlFlags = key.Flags().control;
+    writer.Fixed(&fixed, sizeof(fixed));
+}
+
+/// Nothing is virtualized: a key is no candidate, whatever it was set to.
+void WriteVirtualization(const KeyNode& key, InformationWriter& writer) {
+    constexpr unsigned kSetBits = 2;  // behind candidate and enabled
+    const KEY_VIRTUALIZATION_INFORMATION fixed{key.Flags().virtualization << kSetBits};
+    writer.Fixed(&fixed, sizeof(fixed));
+}
+
+/// There are neither trusted hives nor layers of them.
+void WriteNoBits(const KeyNode&, InformationWriter& writer) {
+    constexpr ULONG kNone = 0;
+    writer.Fixed(&kNone, sizeof(kNone));
+}
+
 using WriteKey = void (*)(const KeyNode& key, InformationWriter& writer);
 
 /// Null for a class that cannot be asked for.
@@ -81,6 +104,13 @@ WriteKey WriterOf(KEY_INFORMATION_CLASS informationClass, bool enumerating) {
             return enumerating ? nullptr : WriteName;
         case KeyCachedInformation:
             return enumerating ? nullptr : WriteCached;
+        case KeyFlagsInformation:
+            return enumerating ? nullptr : WriteFlags;
+        case KeyVirtualizationInformation:
+            return enumerating ? nullptr : WriteVirtualization;
+        case KeyTrustInformation:
+        case KeyLayerInformation:
+            return enumerating ? nullptr : WriteNoBits;
         default:
             return nullptr;
     }
@@ -90,10 +120,12 @@ WriteKey WriterOf(KEY_INFORMATION_CLASS informationClass, bool enumerating) {
 
 NTSTATUS QueryKey(const CallerMemory& memory, HANDLE handle, KEY_INFORMATION_CLASS informationClass,
                   PVOID information, ULONG length, PULONG resultLength) {
+    const bool ofHandle = informationClass == KeyHandleTagsInformation;
     const WriteKey write = WriterOf(informationClass, false);
-    if (write == nullptr) return STATUS_INVALID_PARAMETER;
+    if (write == nullptr && !ofHandle) return STATUS_INVALID_PARAMETER;
     // A key's name is no secret from whoever holds a handle to it.
-    const ACCESS_MASK needed = informationClass == KeyNameInformation ? 0 : KEY_QUERY_VALUE;
+    const bool isPublic = informationClass == KeyNameInformation || ofHandle;
+    const ACCESS_MASK needed = isPublic ? 0 : KEY_QUERY_VALUE;
     ObjectRef<KeyObject> key;
     const NTSTATUS status = ReferenceHandle(handle, needed, kKeyType, memory.Mode(), key);
     if (!NT_SUCCESS(status)) return status;
@@ -107,7 +139,12 @@ NTSTATUS QueryKey(const CallerMemory& memory, HANDLE handle, KEY_INFORMATION_CLA
         const std::shared_lock guard(RegistryTree().lock);
         if (key->Node().IsDeleted()) return STATUS_KEY_DELETED;
         InformationWriter writer(memory, information, length, resultLength);
-        write(key->Node(), writer);
+        if (ofHandle) {
+            const KEY_HANDLE_TAGS_INFORMATION tags{key->HandleTags()};
+            writer.Fixed(&tags, sizeof(tags));
+        } else {
+            write(key->Node(), writer);
+        }
         return writer.Finish();
     });
 }

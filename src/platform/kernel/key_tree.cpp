@@ -33,11 +33,8 @@ KeyNode::KeyNode(std::u16string_view name, Kind kind)
 }
 
 KeyNode::~KeyNode() {
-    // Open keys may outlive the tree: what is below then is as good as deleted.
-    for (const KeyNodeRef& subkey : subkeys_) {
-        subkey->parent_ = nullptr;
-        subkey->isDeleted_ = true;
-    }
+    // Open keys may outlive the tree.
+    DropContents();
 }
 
 void KeyNode::Touch() {
@@ -116,15 +113,61 @@ KeyNode& KeyNode::AddSubkey(std::u16string_view name, Kind kind) {
     KeyNode& added = *subkey;
     added.parent_ = this;
     added.depth_ = depth_ + 1;
+    added.security_ = security_;
     InsertSubkey(std::move(subkey));
     return added;
 }
 
 void KeyNode::Delete() {
     const KeyNodeRef self = parent_->RemoveSubkey(*this);
+    MarkDeleted();
+}
+
+void KeyNode::MarkDeleted() {
+    DropContents();
     parent_ = nullptr;
     isDeleted_ = true;
+    hive_.reset();
+}
+
+void KeyNode::DropContents() {
+    for (const KeyNodeRef& subkey : subkeys_)
+        subkey->MarkDeleted();
+    subkeys_.clear();
     values_.clear();
+}
+
+void KeyNode::ReplaceContents(KeyNode& content) {
+    DropContents();
+    class_ = std::move(content.class_);
+    values_ = std::exchange(content.values_, {});
+    subkeys_ = std::exchange(content.subkeys_, {});
+    flags_ = content.flags_;
+    security_ = content.security_;
+    AdoptSubkeys();
+    lastWriteTime_ = content.lastWriteTime_;
+}
+
+void KeyNode::AdoptSubkeys() {
+    for (const KeyNodeRef& subkey : subkeys_) {
+        subkey->parent_ = this;
+        subkey->depth_ = depth_ + 1;
+        if (kind_.isVolatile) subkey->kind_.isVolatile = true;
+        subkey->AdoptSubkeys();
+    }
+}
+
+unsigned KeyNode::Height() const {
+    unsigned height = 0;
+    for (const KeyNodeRef& subkey : subkeys_)
+        height = std::max(height, 1 + subkey->Height());
+    return height;
+}
+
+bool KeyNode::HasOpenSubkeys() const {
+    return std::any_of(subkeys_.begin(), subkeys_.end(), [](const KeyNodeRef& subkey) {
+        return subkey.use_count() > 1 || subkey->HasOpenSubkeys();
+    });
 }
 
 void KeyNode::Rename(std::u16string_view name) {

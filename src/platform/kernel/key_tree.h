@@ -38,6 +38,17 @@ struct KeyCounts {
     ULONG maxValueDataLength = 0;
 };
 
+/// What NtSetInformationKey keeps of its flag classes. They have no effect.
+struct KeyFlags {
+    ULONG wow64 = 0;
+    ULONG control = 0;
+    ULONG virtualization = 0;
+};
+
+struct Hive;
+using HiveRef = std::shared_ptr<Hive>;
+class KeySecurity;
+using KeySecurityRef = std::shared_ptr<const KeySecurity>;
 class KeyNode;
 using KeyNodeRef = std::shared_ptr<KeyNode>;
 
@@ -57,15 +68,25 @@ public:
     const std::u16string& Name() const { return name_; }
     const std::u16string& Class() const { return class_; }
     void SetClass(std::u16string_view text) { class_ = text; }
+    /// Never null in the registry's tree.
+    const KeySecurityRef& Security() const { return security_; }
+    void SetSecurity(KeySecurityRef security) { security_ = std::move(security); }
     bool IsVolatile() const { return kind_.isVolatile; }
     bool IsLink() const { return kind_.isLink; }
-    bool IsPermanent() const { return kind_.isPermanent; }
+    /// Cannot be deleted or renamed: a permanent key, or the root of a mounted hive.
+    bool IsPermanent() const { return kind_.isPermanent || hive_ != nullptr; }
+    /// The hive whose root this node is; null for other nodes.
+    const HiveRef& MountedHive() const { return hive_; }
+    void Mount(HiveRef hive) { hive_ = std::move(hive); }
+    void MakeLink() { kind_.isLink = true; }
     /// The node is out of the tree: it has no name, subkeys or values any more.
     bool IsDeleted() const { return isDeleted_; }
     /// Levels below \REGISTRY, which is 0.
     unsigned Depth() const { return depth_; }
     LONGLONG LastWriteTime() const { return lastWriteTime_; }
     void SetLastWriteTime(LONGLONG time) { lastWriteTime_ = time; }
+    const KeyFlags& Flags() const { return flags_; }
+    void SetFlags(const KeyFlags& flags) { flags_ = flags; }
     /// The name from \REGISTRY down. The node is not deleted.
     std::u16string FullName() const;
     KeyCounts Counts() const;
@@ -75,10 +96,19 @@ public:
     /// By upper-case name order; null behind the last.
     KeyNode* SubkeyAt(std::size_t index) const;
     bool HasSubkeys() const { return !subkeys_.empty(); }
-    /// The name must be free.
+    /// The name must be free. The new key has this one's security.
     KeyNode& AddSubkey(std::u16string_view name, Kind kind);
-    /// Takes this node out of its parent; it has no subkeys and is not permanent.
+    /// Takes this node, and all that is below it, out of the tree.
     void Delete();
+    /// Gives this node the class, values, subkeys, flags and security of `content`, a root of its
+    /// own, which is left empty. What was below this node is deleted; what comes is volatile if
+    /// this node is.
+    void ReplaceContents(KeyNode& content);
+    /// Levels below this one.
+    unsigned Height() const;
+    /// Whether anybody but the tree holds a node below this one. With the tree's lock held
+    /// exclusively.
+    bool HasOpenSubkeys() const;
     /// Gives this node another name, which is free among its siblings or differs only in case.
     void Rename(std::u16string_view name);
 
@@ -97,16 +127,22 @@ private:
     void InsertSubkey(KeyNodeRef subkey);
     KeyNodeRef RemoveSubkey(const KeyNode& subkey);
     void Touch();
+    void MarkDeleted();
+    void DropContents();
+    void AdoptSubkeys();
 
     std::u16string name_;
     std::u16string upperName_;
     std::u16string class_;
+    KeySecurityRef security_;
+    HiveRef hive_;
     KeyNode* parent_ = nullptr;        ///< owns this node; null at the root and when deleted
     std::vector<KeyNodeRef> subkeys_;  ///< sorted by upperName_
     std::vector<KeyValue> values_;     ///< in order of creation
     LONGLONG lastWriteTime_ = 0;
     unsigned depth_ = 0;
     Kind kind_;
+    KeyFlags flags_;
     bool isDeleted_ = false;
 };
 

@@ -7,8 +7,6 @@
 #include "platform/kernel/syscalls.h"
 #include "platform/kernel/verifier.h"
 
-#include <cstring>
-
 using namespace platform;
 
 namespace {
@@ -106,25 +104,9 @@ NTSTATUS NTAPI ObOpenObjectByPointer(PVOID object, ULONG attributes, PVOID,
     return CreateHandle(object, MapAccess(desiredAccess, actual), attributes, handle);
 }
 
-NTSTATUS NTAPI ObQueryNameString(PVOID object, POBJECT_NAME_INFORMATION information, ULONG length,
-                                 PULONG returnLength) {
-    RequireIrql("ObQueryNameString", PASSIVE_LEVEL);
-    if (const auto fault = FailThisCall("ObQueryNameString")) return *fault;
-    std::u16string name;
-    const bool named = QueryObjectName(object, name);
-    const std::size_t bytes = name.size() * sizeof(WCHAR);
-    const std::size_t needed =
-        sizeof(OBJECT_NAME_INFORMATION) + (named ? bytes + sizeof(WCHAR) : 0);
-    if (bytes + sizeof(WCHAR) > 0xFFFF) return STATUS_NAME_TOO_LONG;
-    *returnLength = static_cast<ULONG>(needed);
-    if (length < needed) return STATUS_INFO_LENGTH_MISMATCH;
-    information->Name = {};
-    if (!named) return STATUS_SUCCESS;
-    auto* characters = reinterpret_cast<PWSTR>(information + 1);
-    std::memcpy(characters, name.c_str(), bytes + sizeof(WCHAR));
-    information->Name = {static_cast<USHORT>(bytes), static_cast<USHORT>(bytes + sizeof(WCHAR)),
-                         characters};
-    return STATUS_SUCCESS;
+BOOLEAN NTAPI ObIsKernelHandle(HANDLE handle) {
+    RequireIrql("ObIsKernelHandle", DISPATCH_LEVEL);
+    return IsKernelHandle(handle) ? TRUE : FALSE;
 }
 
 NTSTATUS NTAPI ZwClose(HANDLE handle) {

@@ -1,6 +1,7 @@
 #include "platform/kernel/registry.h"
 
 #include "platform/kernel/key_object.h"
+#include "platform/kernel/key_security.h"
 #include "platform/kernel/key_tree.h"
 #include "platform/kernel/registry_callbacks.h"
 
@@ -29,6 +30,7 @@ void InitializeRegistry() {
     registry = std::make_unique<Registry>();
     constexpr KeyNode::Kind kPermanent{.isPermanent = true};
     registry->tree.root = std::make_shared<KeyNode>(u"REGISTRY", kPermanent);
+    registry->tree.root->SetSecurity(KeySecurity::OfRegistryRoot());
     registry->tree.root->AddSubkey(u"MACHINE", kPermanent);
     registry->tree.root->AddSubkey(u"USER", kPermanent);
     registry->rootObject =

@@ -1,10 +1,14 @@
 // The configuration manager: the registry's tree, its keys as objects, and registry callbacks.
 //
-//   registry_syscalls   Nt... and Zw... entry points
-//   key_create_open     create and open          key_values   set, delete, query, enumerate values
-//   key_query           query, enumerate keys    key_changes  delete, rename, flush, set
-//   information registry_callbacks  who is told of all that  key_object   what a key handle stands
-//   for key_lookup          paths and links          key_tree     keys and values in memory
+//   registry_syscalls, hive_syscalls    Nt... and Zw... entry points
+//   key_create_open       create and open          key_values          one value at a time
+//   key_query             query, enumerate keys    key_multiple_values several values in one query
+//   key_changes           delete, rename, flush, set information
+//   key_hives, key_mounts save, restore, replace; load, unload
+//   key_security(_calls)  security descriptors     object_security     the calls for them
+//   hive_file, hive_text  hives as files, their text
+//   registry_callbacks    who is told of all that  key_object          what a key handle stands for
+//   key_name, key_lookup  names, paths and links   key_tree            keys and values in memory
 //
 // One reader-writer lock guards the whole tree (key_tree.h). It is never held while a callback runs
 // or an object is created or destroyed.

@@ -1,31 +1,9 @@
 // The registry's system calls under their own names: Nt... as user mode makes them, Zw... as kernel
 // code does.
-#include "platform/kernel/fault_injection.h"
 #include "platform/kernel/key_calls.h"
-#include "platform/kernel/process.h"
-#include "platform/kernel/syscalls.h"
-#include "platform/kernel/verifier.h"
+#include "platform/kernel/system_call.h"
 
 using namespace platform;
-
-namespace {
-
-/// `call` takes the caller's memory and returns the status.
-template <typename Call>
-NTSTATUS FromKernel(const char* routine, Call call) {
-    RequireIrql(routine, PASSIVE_LEVEL);
-    if (const auto fault = FailThisCall(routine)) return *fault;
-    return call(CallerMemory(KernelMode));
-}
-
-template <typename Call>
-NTSTATUS FromUser(const char* routine, Call call) {
-    const UserModeCall userMode(routine);
-    if (const auto fault = FailThisCall(routine)) return *fault;
-    return call(CallerMemory(UserMode));
-}
-
-}  // namespace
 
 NTSTATUS NTAPI NtCreateKey(PHANDLE key, ACCESS_MASK desiredAccess, POBJECT_ATTRIBUTES attributes,
                            ULONG, PUNICODE_STRING className, ULONG createOptions,
@@ -204,5 +182,14 @@ NTSTATUS NTAPI ZwSetInformationKey(HANDLE key, KEY_SET_INFORMATION_CLASS informa
                                    PVOID information, ULONG length) {
     return FromKernel("ZwSetInformationKey", [&](const CallerMemory& memory) {
         return SetInformationKey(memory, key, informationClass, information, length);
+    });
+}
+
+NTSTATUS NTAPI NtQueryMultipleValueKey(HANDLE key, PKEY_VALUE_ENTRY valueEntries, ULONG entryCount,
+                                       PVOID valueBuffer, PULONG bufferLength,
+                                       PULONG requiredBufferLength) {
+    return FromUser("NtQueryMultipleValueKey", [&](const CallerMemory& memory) {
+        return QueryMultipleValueKey(memory, key, valueEntries, entryCount, valueBuffer,
+                                     bufferLength, requiredBufferLength);
     });
 }

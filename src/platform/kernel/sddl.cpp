@@ -1,5 +1,5 @@
 // The string form of security descriptors, e.g. O:BAG:SYD:P(A;;GA;;;SY)(A;;GR;;;WD).
-#include "platform/kernel/security.h"
+#include "platform/kernel/security_descriptor.h"
 #include "platform/kernel/security_id.h"
 
 #include <algorithm>
@@ -16,20 +16,16 @@ struct Flag {
     std::uint32_t value;
 };
 
-constexpr USHORT kDaclAutoInheritRequired = 0x0100;
-constexpr USHORT kDaclAutoInherited = 0x0400;
 /// The control bits of a SACL are those of a DACL, shifted by this.
 constexpr int kSaclShift = 1;
 /// Where SE_DACL_PRESENT stands for the SACL.
 constexpr int kSaclPresentShift = 2;
 
 constexpr std::array<Flag, 3> kListFlags = {{
-    {u"AR", kDaclAutoInheritRequired},
-    {u"AI", kDaclAutoInherited},
+    {u"AR", SE_DACL_AUTO_INHERIT_REQ},
+    {u"AI", SE_DACL_AUTO_INHERITED},
     {u"P", SE_DACL_PROTECTED},
 }};
-
-constexpr UCHAR kAuditAceType = 2;
 
 constexpr std::array<Flag, 7> kAceFlags = {{
     {u"OI", 0x01},
@@ -106,7 +102,7 @@ void Append(std::vector<std::byte>& bytes, const T& value) {
 }
 
 std::optional<UCHAR> ParseAceType(std::u16string_view text, bool audit) {
-    if (audit) return text == u"AU" ? std::optional(kAuditAceType) : std::nullopt;
+    if (audit) return text == u"AU" ? std::optional(SYSTEM_AUDIT_ACE_TYPE) : std::nullopt;
     if (text == u"A") return ACCESS_ALLOWED_ACE_TYPE;
     if (text == u"D") return ACCESS_DENIED_ACE_TYPE;
     return std::nullopt;
@@ -136,14 +132,8 @@ bool AppendAce(std::u16string_view text, bool audit, std::vector<std::byte>& acl
     return true;
 }
 
-/// What has been read of a descriptor.
-struct Parts {
-    std::vector<std::byte> owner, group, dacl, sacl;
-    USHORT control = SE_SELF_RELATIVE;
-};
-
 /// Flags and entries of one list, up to the next part.
-bool ParseList(std::u16string_view& text, bool audit, Parts& parts) {
+bool ParseList(std::u16string_view& text, bool audit, DescriptorParts& parts) {
     std::vector<std::byte>& acl = audit ? parts.sacl : parts.dacl;
     const std::size_t flagsEnd = std::min({text.find(u'('), text.find(u':'), text.size()});
     // A colon without entries before it belongs to the next part, whose letter precedes it.
@@ -176,7 +166,7 @@ bool ParseAccount(std::u16string_view& text, std::vector<std::byte>& account) {
 }
 
 /// The parts come in this order, each at most once.
-bool ParseParts(std::u16string_view text, Parts& parts) {
+bool ParseParts(std::u16string_view text, DescriptorParts& parts) {
     std::u16string_view allowed = u"OGDS";
     while (!text.empty()) {
         const char16_t letter = text.front();
@@ -203,28 +193,12 @@ bool ParseParts(std::u16string_view text, Parts& parts) {
     return true;
 }
 
-ULONG Place(std::vector<std::byte>& bytes, const std::vector<std::byte>& part) {
-    if (part.empty()) return 0;
-    const auto offset = static_cast<ULONG>(bytes.size());
-    bytes.insert(bytes.end(), part.begin(), part.end());
-    return offset;
-}
-
 }  // namespace
 
 NTSTATUS ParseSddl(std::u16string_view sddl, SecurityDescriptor& descriptor) {
-    Parts parts;
+    DescriptorParts parts;
     if (sddl.empty() || !ParseParts(sddl, parts)) return STATUS_INVALID_SECURITY_DESCR;
-    std::vector<std::byte> bytes(sizeof(SECURITY_DESCRIPTOR_RELATIVE));
-    SECURITY_DESCRIPTOR_RELATIVE header{};
-    header.Revision = SECURITY_DESCRIPTOR_REVISION;
-    header.Control = parts.control;
-    header.Sacl = Place(bytes, parts.sacl);
-    header.Dacl = Place(bytes, parts.dacl);
-    header.Owner = Place(bytes, parts.owner);
-    header.Group = Place(bytes, parts.group);
-    std::memcpy(bytes.data(), &header, sizeof(header));
-    descriptor.bytes = std::move(bytes);
+    descriptor = JoinDescriptor(parts);
     return STATUS_SUCCESS;
 }
 

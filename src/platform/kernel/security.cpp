@@ -3,7 +3,8 @@
 
 #include "platform/kernel/object.h"
 #include "platform/kernel/process.h"
-#include "platform/kernel/security_id.h"
+#include "platform/kernel/security_descriptor.h"
+#include "platform/kernel/token_identity.h"
 
 #include <algorithm>
 #include <cstring>
@@ -12,42 +13,6 @@
 namespace platform {
 
 namespace {
-
-constexpr UCHAR kInheritOnlyAce = 0x08;
-
-/// What an access check sees of a token. `restricting` is empty for a token that is not restricted.
-struct Identity {
-    std::vector<SecurityId> groups;  ///< the user among them
-    std::vector<SecurityId> restricting;
-    bool mayReachAuditList;  ///< has the privilege that ACCESS_SYSTEM_SECURITY needs
-};
-
-SecurityId Account(std::u16string_view text) {
-    return TakeSecurityId(text).value();
-}
-
-const Identity& IdentityOf(Token::Account account) {
-    static const SecurityId user = Account(u"S-1-5-21-1000-1000-1000-1001");
-    static const SecurityId administrator = Account(u"S-1-5-21-1000-1000-1000-500");
-    static const Identity system = {
-        {Account(u"SY"), Account(u"BA"), Account(u"WD"), Account(u"AU")}, {}, true};
-    static const Identity administrators = {
-        {administrator, Account(u"BA"), Account(u"WD"), Account(u"AU"), Account(u"BU")}, {}, true};
-    static const Identity users = {
-        {user, Account(u"WD"), Account(u"AU"), Account(u"BU")}, {}, false};
-    static const Identity restricted = {users.groups, {Account(u"RC")}, false};
-    switch (account) {
-        case Token::Account::kLocalSystem:
-            return system;
-        case Token::Account::kAdministrator:
-            return administrators;
-        case Token::Account::kUser:
-            return users;
-        case Token::Account::kRestricted:
-            break;
-    }
-    return restricted;
-}
 
 struct Ace {
     bool deny;
@@ -62,16 +27,6 @@ struct AccessList {
     std::vector<Ace> entries;
 };
 
-ACCESS_MASK MapGeneric(ACCESS_MASK mask, const GenericMapping& mapping) {
-    constexpr ACCESS_MASK kGeneric = GENERIC_READ | GENERIC_WRITE | GENERIC_EXECUTE | GENERIC_ALL;
-    ACCESS_MASK mapped = mask & ~kGeneric;
-    if ((mask & GENERIC_READ) != 0) mapped |= mapping.read;
-    if ((mask & GENERIC_WRITE) != 0) mapped |= mapping.write;
-    if ((mask & GENERIC_EXECUTE) != 0) mapped |= mapping.execute;
-    if ((mask & GENERIC_ALL) != 0) mapped |= mapping.all;
-    return mapped;
-}
-
 template <typename T>
 bool Read(const std::vector<std::byte>& bytes, std::size_t offset, T& value) {
     if (offset > bytes.size() || bytes.size() - offset < sizeof(T)) return false;
@@ -80,27 +35,19 @@ bool Read(const std::vector<std::byte>& bytes, std::size_t offset, T& value) {
 }
 
 /// Entries that concern the object itself; false when the list is damaged.
-bool ReadEntries(const std::vector<std::byte>& bytes, std::size_t offset,
-                 const GenericMapping& mapping, std::vector<Ace>& entries) {
-    ACL list;
-    if (!Read(bytes, offset, list) || bytes.size() - offset < list.AclSize) return false;
-    std::size_t position = offset + sizeof(ACL);
-    const std::size_t end = offset + list.AclSize;
-    for (USHORT index = 0; index < list.AceCount; ++index) {
-        ACCESS_ALLOWED_ACE ace;
-        if (!Read(bytes, position, ace) || position + ace.Header.AceSize > end) return false;
+bool ReadEntries(std::span<const std::byte> acl, const GenericMapping& mapping,
+                 std::vector<Ace>& entries) {
+    const auto all = EntriesOf(acl);
+    if (!all) return false;
+    for (const AceBytes ace : *all) {
         constexpr std::size_t kSidOffset = offsetof(ACCESS_ALLOWED_ACE, SidStart);
-        if (ace.Header.AceSize < kSidOffset) return false;
-        const auto account =
-            DecodeSecurityId(bytes.data() + position + kSidOffset, ace.Header.AceSize - kSidOffset);
-        if (!account) return false;
-        const bool known = ace.Header.AceType == ACCESS_ALLOWED_ACE_TYPE ||
-                           ace.Header.AceType == ACCESS_DENIED_ACE_TYPE;
-        if (known && (ace.Header.AceFlags & kInheritOnlyAce) == 0) {
-            entries.push_back({ace.Header.AceType == ACCESS_DENIED_ACE_TYPE,
-                               MapGeneric(ace.Mask, mapping), *account});
-        }
-        position += ace.Header.AceSize;
+        const ACE_HEADER header = HeaderOfAce(ace);
+        const bool decides =
+            header.AceType == ACCESS_ALLOWED_ACE_TYPE || header.AceType == ACCESS_DENIED_ACE_TYPE;
+        if (!decides || (header.AceFlags & INHERIT_ONLY_ACE) != 0) continue;
+        const auto account = DecodeSecurityId(ace.data() + kSidOffset, ace.size() - kSidOffset);
+        entries.push_back({header.AceType == ACCESS_DENIED_ACE_TYPE,
+                           MapGeneric(MaskOfAce(ace), mapping), account.value()});
     }
     return true;
 }
@@ -114,7 +61,9 @@ bool ReadAccessList(const std::vector<std::byte>& bytes, const GenericMapping& m
         list.owner = DecodeSecurityId(bytes.data() + header.Owner, bytes.size() - header.Owner);
     }
     list.allowsAll = (header.Control & SE_DACL_PRESENT) == 0 || header.Dacl == 0;
-    return list.allowsAll || ReadEntries(bytes, header.Dacl, mapping, list.entries);
+    if (list.allowsAll) return true;
+    const std::span<const std::byte> all(bytes);
+    return header.Dacl < all.size() && ReadEntries(all.subspan(header.Dacl), mapping, list.entries);
 }
 
 /// Everything that the list allows to somebody who is all of `accounts`.
@@ -135,24 +84,45 @@ ACCESS_MASK AllowedTo(const std::vector<SecurityId>& accounts, const AccessList&
 
 }  // namespace
 
-NTSTATUS AccessCheck(const SecurityDescriptor& descriptor, const Token& token, ACCESS_MASK desired,
-                     const GenericMapping& mapping, ACCESS_MASK* granted) {
+ACCESS_MASK MapGeneric(ACCESS_MASK mask, const GenericMapping& mapping) {
+    constexpr ACCESS_MASK kGeneric = GENERIC_READ | GENERIC_WRITE | GENERIC_EXECUTE | GENERIC_ALL;
+    ACCESS_MASK mapped = mask & ~kGeneric;
+    if ((mask & GENERIC_READ) != 0) mapped |= mapping.read;
+    if ((mask & GENERIC_WRITE) != 0) mapped |= mapping.write;
+    if ((mask & GENERIC_EXECUTE) != 0) mapped |= mapping.execute;
+    if ((mask & GENERIC_ALL) != 0) mapped |= mapping.all;
+    return mapped;
+}
+
+NTSTATUS FindAllowedAccess(const SecurityDescriptor& descriptor, const Token& token,
+                           const GenericMapping& mapping, ACCESS_MASK* allowed) {
     AccessList list;
     list.allowsAll = descriptor.Empty();
     if (!list.allowsAll && !ReadAccessList(descriptor.bytes, mapping, list)) {
         return STATUS_INVALID_SECURITY_DESCR;
     }
-    const Identity& identity = IdentityOf(token.account);
-    ACCESS_MASK allowed = AllowedTo(identity.groups, list);
-    if (!identity.restricting.empty()) allowed &= AllowedTo(identity.restricting, list);
-    if (identity.mayReachAuditList) allowed |= ACCESS_SYSTEM_SECURITY;
+    const Identity& identity = IdentityOf(token);
+    *allowed = AllowedTo(identity.groups, list);
+    if (!identity.restricting.empty()) *allowed &= AllowedTo(identity.restricting, list);
+    if (identity.isPrivileged) *allowed |= ACCESS_SYSTEM_SECURITY;
+    return STATUS_SUCCESS;
+}
 
+NTSTATUS GrantAccess(ACCESS_MASK allowed, ACCESS_MASK desired, const GenericMapping& mapping,
+                     ACCESS_MASK* granted) {
     const bool maximum = (desired & MAXIMUM_ALLOWED) != 0;
     const ACCESS_MASK wanted = MapGeneric(desired & ~MAXIMUM_ALLOWED, mapping);
     if ((wanted & ~allowed) != 0) return STATUS_ACCESS_DENIED;
     *granted = wanted | (maximum ? allowed & mapping.all : 0);
     if (maximum && *granted == 0) return STATUS_ACCESS_DENIED;
     return STATUS_SUCCESS;
+}
+
+NTSTATUS AccessCheck(const SecurityDescriptor& descriptor, const Token& token, ACCESS_MASK desired,
+                     const GenericMapping& mapping, ACCESS_MASK* granted) {
+    ACCESS_MASK allowed = 0;
+    const NTSTATUS status = FindAllowedAccess(descriptor, token, mapping, &allowed);
+    return NT_SUCCESS(status) ? GrantAccess(allowed, desired, mapping, granted) : status;
 }
 
 }  // namespace platform

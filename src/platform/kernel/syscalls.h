@@ -32,9 +32,39 @@ NTSTATUS NTAPI NtQueryKey(HANDLE key, KEY_INFORMATION_CLASS informationClass, PV
                           ULONG length, PULONG resultLength);
 NTSTATUS NTAPI NtSetInformationKey(HANDLE key, KEY_SET_INFORMATION_CLASS informationClass,
                                    PVOID information, ULONG length);
+/// All or nothing: STATUS_BUFFER_OVERFLOW fills what fits in order of the entries, up to the first
+/// that does not; `bufferLength` tells how much of the buffer was used.
+NTSTATUS NTAPI NtQueryMultipleValueKey(HANDLE key, PKEY_VALUE_ENTRY valueEntries, ULONG entryCount,
+                                       PVOID valueBuffer, PULONG bufferLength,
+                                       PULONG requiredBufferLength);
+
+// Hives: files of the host, named as for NtCreateFile (hive_text.h describes their text).
+/// Mounts the file under \Registry\Machine or \Registry\User; a missing or empty file is an empty
+/// hive. Changes go back to the file when a key of the hive is flushed and when it is unloaded.
+NTSTATUS NTAPI NtLoadKey(POBJECT_ATTRIBUTES targetKey, POBJECT_ATTRIBUTES sourceFile);
+/// STATUS_CANNOT_DELETE while a key of the hive is open.
+NTSTATUS NTAPI NtUnloadKey(POBJECT_ATTRIBUTES targetKey);
+/// Writes the key and what is below it, but for volatile keys.
+NTSTATUS NTAPI NtSaveKey(HANDLE key, HANDLE file);
+NTSTATUS NTAPI NtSaveKeyEx(HANDLE key, HANDLE file, ULONG format);
+/// The file's contents instead of the key's. STATUS_ACCESS_DENIED while a key below is open, unless
+/// REG_FORCE_RESTORE is given.
+NTSTATUS NTAPI NtRestoreKey(HANDLE key, HANDLE file, ULONG flags);
+/// Saves the key to the old file, which must not exist, and restores it from the new one.
+NTSTATUS NTAPI NtReplaceKey(POBJECT_ATTRIBUTES newFile, HANDLE key, POBJECT_ATTRIBUTES oldFile);
 
 // Objects.
 NTSTATUS NTAPI NtClose(HANDLE handle);
+/// Class 1 only, the name, as ObQueryNameString gives it.
+NTSTATUS NTAPI NtQueryObject(HANDLE handle, OBJECT_INFORMATION_CLASS informationClass,
+                             PVOID information, ULONG length, PULONG returnLength);
+/// Keys only. STATUS_BUFFER_TOO_SMALL with the length that is needed.
+NTSTATUS NTAPI NtQuerySecurityObject(HANDLE handle, SECURITY_INFORMATION securityInformation,
+                                     PSECURITY_DESCRIPTOR securityDescriptor, ULONG length,
+                                     PULONG lengthNeeded);
+/// Keys only; the descriptor may be absolute or self-relative.
+NTSTATUS NTAPI NtSetSecurityObject(HANDLE handle, SECURITY_INFORMATION securityInformation,
+                                   PSECURITY_DESCRIPTOR securityDescriptor);
 /// `sourceProcess` and `targetProcess` are process ids as handles. Options: 1 closes the source, 2
 /// gives the same access.
 NTSTATUS NTAPI NtDuplicateObject(HANDLE sourceProcess, HANDLE sourceHandle, HANDLE targetProcess,
