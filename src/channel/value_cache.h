@@ -143,8 +143,8 @@ bool ValueCacheInsert(DriverState* state, KeyObjectContext* context,
 bool ValueCacheSetPending(DriverState* state, ValueCacheEntry* entry,
                           const REG_SET_VALUE_KEY_INFORMATION& set);
 
-/// Checks that every entry is in exactly one list, held ones in BusyList, and that rings and buckets
-/// hold exactly the entries in use; for tests. Takes the cache's Lock.
+/// Checks that every entry is in exactly one list, held ones in BusyList, and that rings and
+/// buckets hold exactly the entries in use; for tests. Takes the cache's Lock.
 bool ValueCacheIsConsistent(ValueCache* cache);
 
 }  // namespace zpregflt

@@ -7,6 +7,7 @@
 #include "intercept/operation_trace.h"
 #include "intercept/tracing.h"
 #include "records/caller_memory.h"
+#include "records/record_size.h"
 #include "records/record_writer.h"
 
 namespace zpregflt {
@@ -119,8 +120,7 @@ ValueCache* EnsureCache(ProcessContext& process) {
     return created;
 }
 
-/// Where the parts of a value-set record lie; sizes that do not fit into 32 bits fit into no
-/// buffer.
+/// Where the parts of a value-set record lie.
 struct ValueSetLayout {
     ULONG captured;
     ULONG nameLength;
@@ -137,9 +137,9 @@ ValueSetLayout LayOut(const DriverState& state, const SetInformation& set,
     layout.nameLength = set.ValueName->Length;
     const ULONG64 nameOffset = ULONG64{ValueSetRecord::kDataOffset} + layout.captured;
     layout.nameOffset = static_cast<ULONG>(nameOffset);
-    layout.size = nameOffset + layout.nameLength + sizeof(WCHAR);
+    layout.size = nameOffset + layout.nameLength + kTerminator;
     if (previous != nullptr) {
-        const ULONG64 previousOffset = (layout.size + 3) & ~ULONG64{3};
+        const ULONG64 previousOffset = RoundUpToFour(layout.size);
         layout.previousOffset = static_cast<ULONG>(previousOffset);
         layout.previousCaptured = CapturedSize(state, previous->DataLength);
         layout.size = previousOffset + layout.previousCaptured;
@@ -151,10 +151,9 @@ bool WriteValueSetRecord(const DriverState& state, const REG_POST_OPERATION_INFO
                          const KEY_VALUE_PARTIAL_INFORMATION* previous) {
     const auto& set = *static_cast<const SetInformation*>(post.PreInformation);
     const ValueSetLayout layout = LayOut(state, set, previous);
-    const ULONG size = layout.size <= MAXULONG ? static_cast<ULONG>(layout.size) : MAXULONG;
     const RecordWriter<ValueSetRecord> record(RecordType::kValueSet, post.Object,
                                               ContextOf(post.ObjectContext),
-                                              operation::kSetValueKey, size);
+                                              operation::kSetValueKey, RecordSize(layout.size));
     if (!record) {
         return false;
     }
@@ -253,7 +252,7 @@ bool WriteValueDeletedRecord(const REG_POST_OPERATION_INFORMATION& post, PCUNICO
     const USHORT length = name->Length;
     const RecordWriter<NameRecord> record(RecordType::kValueDeleted, post.Object,
                                           ContextOf(post.ObjectContext), operation::kDeleteValueKey,
-                                          NameRecord::kNameOffset + length + sizeof(WCHAR));
+                                          RecordSize(NameRecord::kNameOffset, length, kTerminator));
     if (!record) {
         return false;
     }

@@ -7,6 +7,7 @@
 #include "driver/configuration.h"
 #include "driver/control_device.h"
 #include "driver/driver_state.h"
+#include "driver/statistics.h"
 #include "driver/tear_down.h"
 #include "intercept/contexts.h"
 #include "intercept/operation_table.h"
@@ -133,7 +134,7 @@ NTSTATUS StartLibrary(PDRIVER_OBJECT driverObject, PUNICODE_STRING registryPath,
 
 /// The steps from there on: the framework undoes them through DriverContextCleanup.
 NTSTATUS StartDriver(WDFDRIVER driver, PUNICODE_STRING registryPath) {
-    StartTracing();
+    StartTracing(DumpStatistics);
     ZPRF_TRACE(TRACE_DRIVER, TRACE_LEVEL_VERBOSE, "starting");
     PWDFDEVICE_INIT init = WdfControlDeviceInitAllocate(driver, &kDeviceSecurity);
     if (init == nullptr) {

@@ -3,7 +3,10 @@
 #include "channel/value_records.h"
 #include "intercept/key_context.h"
 #include "intercept/legacy_classes.h"
+#include "records/hive_records.h"
 #include "records/key_lifetime.h"
+#include "records/query_records.h"
+#include "records/security_records.h"
 
 namespace zpregflt {
 
@@ -16,6 +19,7 @@ constexpr ULONG kContext = OP_FLAG_CONTEXT;
 constexpr ULONG kJudged = OP_FLAG_CONTEXT | OP_FLAG_POLICY | OP_FLAG_KEY_ENTRY;
 constexpr ULONG kUnjudged = OP_FLAG_CONTEXT | OP_FLAG_SUCCESS | OP_FLAG_KEY_ENTRY;
 constexpr ULONG kRecorded = kJudged | OP_FLAG_SUCCESS;
+constexpr ULONG kOnAnyThread = kRecorded | OP_FLAG_SYSTEM;
 
 /// The policy and key-entry gates read the object context, so they need the gate that tests it.
 constexpr bool GatesAreConsistent(ULONG flags) {
@@ -28,6 +32,7 @@ constexpr ULONG64 kPost = offsetof(REG_POST_OPERATION_INFORMATION, ObjectContext
 constexpr ULONG64 kDelete = offsetof(REG_DELETE_KEY_INFORMATION, ObjectContext);
 constexpr ULONG64 kSetValue = offsetof(REG_SET_VALUE_KEY_INFORMATION, ObjectContext);
 constexpr ULONG64 kRename = offsetof(REG_RENAME_KEY_INFORMATION, ObjectContext);
+constexpr ULONG64 kSetSecurity = offsetof(REG_SET_KEY_SECURITY_INFORMATION, ObjectContext);
 
 constexpr OperationEntry Unhandled(const char* name) {
     return {nullptr, 0, 0, 0, 0, name, 0, 0, 0, 0};
@@ -62,11 +67,11 @@ constinit OperationEntry OperationTable[kOperationClassCount] = {
     /* 17 */ Handled("RegNtPostDeleteValueKey", kUnjudged, operation::kDeleteValueKey, kPost, ValueDeleted),
     /* 18 */ Handled("RegNtPostSetInformationKey", kRecorded, operation::kSetInformationKey, kPost, KeyInformationSet),
     /* 19 */ Handled("RegNtPostRenameKey", kContext, operation::kRenameKey, kPost, KeyRenamed),
-    /* 20 */ Unhandled("RegNtPostEnumerateKey"),
-    /* 21 */ Unhandled("RegNtPostEnumerateValueKey"),
-    /* 22 */ Unhandled("RegNtPostQueryKey"),
-    /* 23 */ Unhandled("RegNtPostQueryValueKey"),
-    /* 24 */ Unhandled("RegNtPostQueryMultipleValueKey"),
+    /* 20 */ Handled("RegNtPostEnumerateKey", kRecorded, operation::kEnumerateKey, kPost, SubkeyEnumerated),
+    /* 21 */ Handled("RegNtPostEnumerateValueKey", kRecorded, operation::kEnumerateValueKey, kPost, ValueEnumerated),
+    /* 22 */ Handled("RegNtPostQueryKey", kRecorded, operation::kQueryKey, kPost, KeyQueried),
+    /* 23 */ Handled("RegNtPostQueryValueKey", kRecorded, operation::kQueryValueKey, kPost, ValueQueried),
+    /* 24 */ Handled("RegNtPostQueryMultipleValueKey", kRecorded, operation::kQueryMultipleValueKey, kPost, ValuesQueried),
     /* 25 */ Handled("RegNtPostKeyHandleClose", kRecorded, operation::kKeyHandleClose, kPost, KeyHandleClosed),
     /* 26 */ Unhandled("RegNtPreCreateKeyEx"),
     /* 27 */ Handled("RegNtPostCreateKeyEx", kCreated, operation::kCreateKeyEx, 0, KeyCreated),
@@ -75,22 +80,22 @@ constinit OperationEntry OperationTable[kOperationClassCount] = {
     /* 30 */ Unhandled("RegNtPreFlushKey"),
     /* 31 */ Handled("RegNtPostFlushKey", kRecorded, operation::kFlushKey, kPost, KeyFlushed),
     /* 32 */ Unhandled("RegNtPreLoadKey"),
-    /* 33 */ Unhandled("RegNtPostLoadKey"),
+    /* 33 */ Handled("RegNtPostLoadKey", kRecorded, operation::kLoadKey, kPost, HiveLoaded),
     /* 34 */ Unhandled("RegNtPreUnLoadKey"),
-    /* 35 */ Unhandled("RegNtPostUnLoadKey"),
+    /* 35 */ Handled("RegNtPostUnLoadKey", kRecorded, operation::kUnLoadKey, kPost, HiveUnloaded),
     /* 36 */ Unhandled("RegNtPreQueryKeySecurity"),
-    /* 37 */ Unhandled("RegNtPostQueryKeySecurity"),
-    /* 38 */ Unhandled("RegNtPreSetKeySecurity"),
-    /* 39 */ Unhandled("RegNtPostSetKeySecurity"),
+    /* 37 */ Handled("RegNtPostQueryKeySecurity", kRecorded, operation::kQueryKeySecurity, kPost, KeySecurityQueried),
+    /* 38 */ Handled("RegNtPreSetKeySecurity", kJudged, operation::kSetKeySecurity, kSetSecurity, PreSetKeySecurity),
+    /* 39 */ Handled("RegNtPostSetKeySecurity", kJudged, operation::kSetKeySecurity, kPost, KeySecuritySet),
     /* 40 */ Handled("RegNtCallbackObjectContextCleanup", kDirect, 0, 0, ReleaseKeyContext),
     /* 41 */ Unhandled("RegNtPreRestoreKey"),
-    /* 42 */ Unhandled("RegNtPostRestoreKey"),
+    /* 42 */ Handled("RegNtPostRestoreKey", kOnAnyThread, operation::kRestoreKey, kPost, KeyRestored),
     /* 43 */ Unhandled("RegNtPreSaveKey"),
-    /* 44 */ Unhandled("RegNtPostSaveKey"),
+    /* 44 */ Handled("RegNtPostSaveKey", kOnAnyThread, operation::kSaveKey, kPost, KeySaved),
     /* 45 */ Unhandled("RegNtPreReplaceKey"),
-    /* 46 */ Unhandled("RegNtPostReplaceKey"),
+    /* 46 */ Handled("RegNtPostReplaceKey", kOnAnyThread, operation::kReplaceKey, kPost, KeyReplaced),
     /* 47 */ Unhandled("RegNtPreQueryKeyName"),
-    /* 48 */ Unhandled("RegNtPostQueryKeyName"),
+    /* 48 */ Handled("RegNtPostQueryKeyName", kRecorded, operation::kQueryKeyName, kPost, KeyNameQueried),
 };
 // clang-format on
 

@@ -59,6 +59,9 @@ struct ReleaseKeyNode {
 struct ReleaseKeyEntry {
     static void Give(KeyEntry* entry) { ZPkDtReleaseContext(entry); }
 };
+struct DereferenceObject {
+    static void Give(PVOID object) { ObfDereferenceObject(object); }
+};
 template <ULONG Tag>
 struct FreePoolBlock {
     static void Give(PVOID block) { ExFreePoolWithTag(block, Tag); }
@@ -68,6 +71,8 @@ using ProcessRecordRef = Reference<ProcessRecord, ReleaseProcessRecord>;
 using ProcessContextRef = Reference<ProcessContext, ReleaseProcessContext>;
 using KeyNodeRef = Reference<ZPK_NODE, ReleaseKeyNode>;
 using KeyEntryRef = Reference<KeyEntry, ReleaseKeyEntry>;
+struct FileObject;  ///< the object manager's; never looked into
+using FileObjectRef = Reference<FileObject, DereferenceObject>;
 template <typename T, ULONG Tag>
 using PoolBlock = Reference<T, FreePoolBlock<Tag>>;
 

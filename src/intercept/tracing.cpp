@@ -16,7 +16,7 @@ constexpr ULONG kFlags =
     TRACE_DRIVER | TRACE_BUFFER | TRACE_OPERATION | TRACE_CONTROL | TRACE_CAPTURE;
 
 void NTAPI OnEnable(LPCGUID, ULONG controlCode, UCHAR level, ULONGLONG matchAnyKeyword, ULONGLONG,
-                    PVOID, PVOID) {
+                    PVOID, PVOID context) {
     switch (controlCode) {
         case EVENT_CONTROL_CODE_ENABLE_PROVIDER:
             WriteULongNoFence(&trace_detail::Enabled,
@@ -26,8 +26,9 @@ void NTAPI OnEnable(LPCGUID, ULONG controlCode, UCHAR level, ULONGLONG matchAnyK
             WriteULongNoFence(&trace_detail::Enabled, 0);
             break;
         default:
-            break;
+            return;
     }
+    reinterpret_cast<TraceControlled*>(context)();
 }
 
 template <std::size_t Size>
@@ -83,8 +84,9 @@ void Write(ULONG flag, UCHAR level, EVENT_DATA_DESCRIPTOR* blocks, ULONG count) 
 
 }  // namespace trace_detail
 
-void StartTracing() {
-    if (!NT_SUCCESS(EtwRegister(&kTraceProviderId, OnEnable, nullptr, &registration))) {
+void StartTracing(TraceControlled* controlled) {
+    if (!NT_SUCCESS(EtwRegister(&kTraceProviderId, OnEnable, reinterpret_cast<PVOID>(controlled),
+                                &registration))) {
         registration = 0;
     }
 }

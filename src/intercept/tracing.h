@@ -33,9 +33,13 @@ inline constexpr UCHAR TRACE_LEVEL_VERBOSE = 5;
 inline constexpr GUID kTraceProviderId = {
     0x5d1c7a44, 0x9b0e, 0x4e1f, {0xa6, 0x3c, 0x71, 0x2f, 0x08, 0xd4, 0xbe, 0x95}};
 
-/// Registers the provider. Tracing stays off when that fails: the driver works without.
-/// PASSIVE_LEVEL.
-void StartTracing();
+/// Called at PASSIVE_LEVEL when a controller has turned the provider on or off.
+using TraceControlled = void();
+
+/// Registers the provider. Tracing stays off when that fails: the driver works without. What
+/// `controlled` traces is lost when the provider turns out to be on already as it registers: it has
+/// no handle to write with before that is done. PASSIVE_LEVEL.
+void StartTracing(TraceControlled* controlled);
 /// Unregisters the provider. PASSIVE_LEVEL.
 void StopTracing();
 

@@ -1,38 +1,12 @@
 #include "records/caller_memory.h"
 
-#if !defined(_WIN32)
 #include <protected_access.h>
-#endif
 
 namespace zpregflt {
-
-#if defined(_WIN32)
-
-namespace {
-
-// The compiler covers calls in a guarded block, not plain accesses: the access is in a callee.
-[[gnu::noinline]] void Copy(PVOID to, const void* from, SIZE_T size) {
-    memcpy(to, from, size);
-}
-
-}  // namespace
-
-bool CopyFromCaller(PVOID to, const void* from, SIZE_T size) {
-    __try {
-        Copy(to, from, size);
-        return true;
-    } __except (1) {
-        return false;
-    }
-}
-
-#else
 
 bool CopyFromCaller(PVOID to, const void* from, SIZE_T size) {
     return PlatformCopyProtected(to, from, size);
 }
-
-#endif
 
 Comparison CompareWithCaller(const void* known, const void* from, SIZE_T size) {
     UCHAR chunk[256];
@@ -51,6 +25,17 @@ Comparison CompareWithCaller(const void* known, const void* from, SIZE_T size) {
         size -= step;
     }
     return Comparison::kEqual;
+}
+
+bool ReadString(PCUNICODE_STRING from, UNICODE_STRING& text) {
+    text = {};
+    UNICODE_STRING read;
+    if (!ReadCaller(from, read)) {
+        return false;
+    }
+    text = read;
+    text.Length -= text.Length % sizeof(WCHAR);
+    return true;
 }
 
 bool CopyStringFromCaller(PVOID to, PCUNICODE_STRING from, USHORT length) {

@@ -11,6 +11,11 @@ namespace zpregflt {
 /// Copies `size` bytes; false when reading faults, `to` then holds anything. IRQL <= APC_LEVEL.
 bool CopyFromCaller(PVOID to, const void* from, SIZE_T size);
 
+/// Copies `size` bytes and returns their number: 0 when reading faults.
+inline ULONG CopyOrNothing(PVOID to, const void* from, ULONG size) {
+    return CopyFromCaller(to, from, size) ? size : 0;
+}
+
 enum class Comparison { kEqual, kDifferent, kFault };
 /// Compares the caller's `size` bytes with those at `known`.
 Comparison CompareWithCaller(const void* known, const void* from, SIZE_T size);
@@ -18,6 +23,10 @@ Comparison CompareWithCaller(const void* known, const void* from, SIZE_T size);
 /// Copies a counted string's characters and puts a 16-bit zero behind them; an unreadable string
 /// becomes an empty one. `to` has room for the length that the caller has read once, and the zero.
 bool CopyStringFromCaller(PVOID to, PCUNICODE_STRING from, USHORT length);
+
+/// Reads a counted string's descriptor, once, and counts whole characters only; false, and `text`
+/// is empty, when that faults. The characters stay the caller's.
+bool ReadString(PCUNICODE_STRING from, UNICODE_STRING& text);
 
 /// Reads one value; false when that faults.
 template <typename T>

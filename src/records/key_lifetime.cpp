@@ -7,20 +7,18 @@
 #include "intercept/operation_trace.h"
 #include "intercept/tracing.h"
 #include "records/caller_memory.h"
+#include "records/caller_name.h"
+#include "records/post_operation.h"
+#include "records/record_size.h"
 #include "records/record_writer.h"
 
 namespace zpregflt {
 
 namespace {
 
-using PostInformation = REG_POST_OPERATION_INFORMATION;
 using CapturedPath = PoolBlock<OBJECT_NAME_INFORMATION, kKeyPathTag>;
 
-KeyObjectContext& ContextOf(const PostInformation& post) {
-    return *static_cast<KeyObjectContext*>(post.ObjectContext);
-}
-
-CapturedPath TakeCapturedPath(const PostInformation& post) {
+CapturedPath TakeCapturedPath(const PostOperation& post) {
     return CapturedPath(static_cast<POBJECT_NAME_INFORMATION>(post.CallContext));
 }
 
@@ -43,15 +41,7 @@ void Capture(PVOID object, const KeyObjectContext& context, PVOID& callContext) 
     callContext = path.Detach();
 }
 
-/// A record that is its header alone.
-bool WriteHeaderRecord(RecordType type, const PostInformation& post, OperationMask bit,
-                       const UNICODE_STRING* capturedPath = nullptr) {
-    const RecordWriter<RecordHeader> record(type, post.Object, ContextOf(post), bit,
-                                            sizeof(RecordHeader), capturedPath);
-    return static_cast<bool>(record);
-}
-
-bool Records(const PostInformation& post, OperationMask bit) {
+bool Records(const PostOperation& post, OperationMask bit) {
     return (ContextOf(post).ProcessContext->Operations & bit) != 0;
 }
 
@@ -67,8 +57,7 @@ KeyNodeRef FindNode(const DriverState& state, const UNICODE_STRING& path) {
     return node;
 }
 
-void RemoveFromTree(const DriverState& state, const PostInformation& post,
-                    const CapturedPath& path) {
+void RemoveFromTree(const DriverState& state, const PostOperation& post, const CapturedPath& path) {
     if (ZPK_NODE* node = ContextOf(post).Node(); node != nullptr) {
         ZPkDtDelete(state.KeyTree, nullptr, node);
         return;
@@ -80,31 +69,12 @@ void RemoveFromTree(const DriverState& state, const PostInformation& post,
     }
 }
 
-/// The caller's new name, copied once under fault protection: the record and the tree get the same.
-/// Empty when it cannot be read or there is no memory.
-class NewName {
-public:
-    explicit NewName(const UNICODE_STRING& name) {
-        const USHORT length = name.Length;
-        block_.Reset(static_cast<PWSTR>(
-            ExAllocatePoolWithTag(PagedPool, length + sizeof(WCHAR), kKeyPathTag)));
-        if (block_ && CopyStringFromCaller(block_.Get(), &name, length)) {
-            text_ = {length, length, block_.Get()};
-        }
-    }
-    const UNICODE_STRING& Text() const { return text_; }
-
-private:
-    PoolBlock<WCHAR, kKeyPathTag> block_;
-    UNICODE_STRING text_ = {};
-};
-
-bool WriteRenameRecord(const PostInformation& post, const NewName& newName,
+bool WriteRenameRecord(const PostOperation& post, const CallerName& newName,
                        const CapturedPath& path) {
     const UNICODE_STRING& text = newName.Text();
     const RecordWriter<NameRecord> record(
         RecordType::kKeyRenamed, post.Object, ContextOf(post), operation::kRenameKey,
-        NameRecord::kNameOffset + text.Length + sizeof(WCHAR), TextOf(path));
+        RecordSize(NameRecord::kNameOffset, text.Length, kTerminator), TextOf(path));
     if (!record) {
         return false;
     }
@@ -116,7 +86,7 @@ bool WriteRenameRecord(const PostInformation& post, const NewName& newName,
 /// record write the new path. A name that could not be read leaves the tree with the old one, which
 /// names the key better than an empty one would. The node itself stays the same, so other threads
 /// that use this key object's node meanwhile keep a good one.
-void RenameInTree(const DriverState& state, const PostInformation& post, const NewName& newName) {
+void RenameInTree(const DriverState& state, const PostOperation& post, const CallerName& newName) {
     const KeyObjectContext& context = ContextOf(post);
     ZPK_NODE* node = context.Node();
     if (node == nullptr || newName.Text().Length == 0 ||
@@ -151,7 +121,7 @@ PoolBlock<UNICODE_STRING, kTracedPathTag> QueryTreePath(const DriverState& state
 
 /// The verbose trace of a delete or rename, whose key the object manager can no longer name.
 template <typename... Arguments>
-void TraceGone(const DriverState& state, const PostInformation& post, const CapturedPath& captured,
+void TraceGone(const DriverState& state, const PostOperation& post, const CapturedPath& captured,
                OperationMask mask, const char* message, const Arguments&... arguments) {
     if (!trace_detail::OperationTraced(mask)) {
         return;
@@ -168,10 +138,6 @@ void TraceGone(const DriverState& state, const PostInformation& post, const Capt
     }
 }
 
-void TraceKey(const PostInformation& post, OperationMask mask, const char* label) {
-    TraceOperation(post.Object, mask, "process %p, key %p %Z: %s", label);
-}
-
 }  // namespace
 
 bool NTAPI PreDeleteKey(PVOID notification, DriverState*) {
@@ -182,7 +148,7 @@ bool NTAPI PreDeleteKey(PVOID notification, DriverState*) {
 }
 
 bool NTAPI KeyDeleted(PVOID notification, DriverState* state) {
-    const auto& post = *static_cast<const PostInformation*>(notification);
+    const auto& post = *static_cast<const PostOperation*>(notification);
     const CapturedPath path = TakeCapturedPath(post);
     TraceGone(*state, post, path, operation::kDeleteKey,
               "process %p, key %p %Z: DeleteKey, status %x", post.Status);
@@ -204,10 +170,10 @@ bool NTAPI PreRenameKey(PVOID notification, DriverState*) {
 }
 
 bool NTAPI KeyRenamed(PVOID notification, DriverState* state) {
-    const auto& post = *static_cast<const PostInformation*>(notification);
+    const auto& post = *static_cast<const PostOperation*>(notification);
     const CapturedPath path = TakeCapturedPath(post);
-    const NewName newName(
-        *static_cast<const REG_RENAME_KEY_INFORMATION*>(post.PreInformation)->NewName);
+    // Copied once: the record and the tree get the same.
+    const CallerName newName(RequestOf<REG_RENAME_KEY_INFORMATION>(post).NewName);
     TraceGone(*state, post, path, operation::kRenameKey,
               "process %p, key %p %Z: RenameKey to %Z, status %x", &newName.Text(), post.Status);
     if (post.Status != STATUS_SUCCESS) {
@@ -220,36 +186,26 @@ bool NTAPI KeyRenamed(PVOID notification, DriverState* state) {
 }
 
 bool NTAPI KeyFlushed(PVOID notification, DriverState*) {
-    const auto& post = *static_cast<const PostInformation*>(notification);
+    const auto& post = *static_cast<const PostOperation*>(notification);
     TraceKey(post, operation::kFlushKey, "FlushKey");
     return WriteHeaderRecord(RecordType::kKeyFlushed, post, operation::kFlushKey);
 }
 
 bool NTAPI KeyHandleClosed(PVOID notification, DriverState*) {
-    const auto& post = *static_cast<const PostInformation*>(notification);
+    const auto& post = *static_cast<const PostOperation*>(notification);
     TraceKey(post, operation::kKeyHandleClose, "KeyHandleClose");
     return WriteHeaderRecord(RecordType::kKeyHandleClosed, post, operation::kKeyHandleClose);
 }
 
 bool NTAPI KeyInformationSet(PVOID notification, DriverState*) {
-    const auto& post = *static_cast<const PostInformation*>(notification);
-    const auto& set = *static_cast<const REG_SET_INFORMATION_KEY_INFORMATION*>(post.PreInformation);
+    const auto& post = *static_cast<const PostOperation*>(notification);
+    const auto& set = RequestOf<REG_SET_INFORMATION_KEY_INFORMATION>(post);
     TraceOperation(post.Object, operation::kSetInformationKey,
                    "process %p, key %p %Z: SetInformationKey class %u", set.KeySetInformationClass);
-    const ULONG length = set.KeySetInformationLength;
-    // A length that does not fit into 32 bits with the fixed part fits into no buffer.
-    const ULONG fixedSize = sizeof(InformationRecord);
-    const ULONG size = length <= MAXULONG - fixedSize ? fixedSize + length : MAXULONG;
-    const RecordWriter<InformationRecord> record(RecordType::kKeyInformationSet, post.Object,
-                                                 ContextOf(post), operation::kSetInformationKey,
-                                                 size);
-    if (!record) {
-        return false;
-    }
-    record->InformationClass = static_cast<std::uint32_t>(set.KeySetInformationClass);
-    const bool readable = CopyFromCaller(record.At(fixedSize), set.KeySetInformation, length);
-    record->DataLength = readable ? length : 0;
-    return true;
+    return WriteInformationRecord(RecordType::kKeyInformationSet, post,
+                                  operation::kSetInformationKey,
+                                  static_cast<ULONG>(set.KeySetInformationClass),
+                                  set.KeySetInformation, set.KeySetInformationLength);
 }
 
 }  // namespace zpregflt

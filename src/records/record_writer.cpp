@@ -4,12 +4,11 @@
 
 #include "driver/driver_state.h"
 #include "intercept/tracing.h"
+#include "records/record_size.h"
 
 namespace zpregflt {
 
 namespace {
-
-constexpr ULONG kTerminator = sizeof(WCHAR);
 
 /// Bytes of the node's path; 0 when it cannot be had.
 ULONG PathBytes(ZPK_NODE* node) {

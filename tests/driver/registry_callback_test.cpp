@@ -33,11 +33,25 @@ constexpr HandledRow kHandled[] = {
     {17, "RegNtPostDeleteValueKey", 0xD, 0x4, kPost},
     {18, "RegNtPostSetInformationKey", 0xF, 0x8, kPost},
     {19, "RegNtPostRenameKey", 0x1, 0x10, kPost},
+    {20, "RegNtPostEnumerateKey", 0xF, 0x20, kPost},
+    {21, "RegNtPostEnumerateValueKey", 0xF, 0x40, kPost},
+    {22, "RegNtPostQueryKey", 0xF, 0x80, kPost},
+    {23, "RegNtPostQueryValueKey", 0xF, 0x100, kPost},
+    {24, "RegNtPostQueryMultipleValueKey", 0xF, 0x200, kPost},
     {25, "RegNtPostKeyHandleClose", 0xF, 0x100000, kPost},
     {27, "RegNtPostCreateKeyEx", 0x4, 0x400, 0},
     {29, "RegNtPostOpenKeyEx", 0x4, 0x800, 0},
     {31, "RegNtPostFlushKey", 0xF, 0x1000, kPost},
+    {33, "RegNtPostLoadKey", 0xF, 0x2000, kPost},
+    {35, "RegNtPostUnLoadKey", 0xF, 0x4000, kPost},
+    {37, "RegNtPostQueryKeySecurity", 0xF, 0x8000, kPost},
+    {38, "RegNtPreSetKeySecurity", 0xB, 0x10000, offsetof(REG_SET_KEY_SECURITY_INFORMATION, ObjectContext)},
+    {39, "RegNtPostSetKeySecurity", 0xB, 0x10000, kPost},
     {40, "RegNtCallbackObjectContextCleanup", 0x10, 0, 0},
+    {42, "RegNtPostRestoreKey", 0x2F, 0x20000, kPost},
+    {44, "RegNtPostSaveKey", 0x2F, 0x40000, kPost},
+    {46, "RegNtPostReplaceKey", 0x2F, 0x80000, kPost},
+    {48, "RegNtPostQueryKeyName", 0xF, 0x200000, kPost},
 };
 // clang-format on
 
@@ -130,7 +144,7 @@ TEST_F(RegistryCallbackTest, OnlyHitCountsWhatNobodyHandles) {
     }
 }
 
-TEST_F(RegistryCallbackTest, SystemThreadsAreNotWatched) {
+TEST_F(RegistryCallbackTest, SystemThreadsAreWatchedOnlyWhereTheRowSaysSo) {
     // The test's own thread is one.
     ProcessContext process = {};
     KeyObjectContext context = {0, nullptr, &process, nullptr, nullptr};
@@ -138,9 +152,12 @@ TEST_F(RegistryCallbackTest, SystemThreadsAreNotWatched) {
         if ((row.flags & OP_FLAG_DIRECT) != 0) continue;
         Notification notification;
         notification.SetContext(row.contextOffset, &context);
-        EXPECT_EQ(Notify(row.notifyClass, &notification), (Counters{1, 0, 0, 0})) << row.name;
+        const bool watched = (row.flags & OP_FLAG_SYSTEM) != 0;
+        EXPECT_EQ(Notify(row.notifyClass, &notification), (Counters{1, 0, watched ? 1 : 0, 0}))
+            << row.name;
     }
-    EXPECT_EQ(context.KeyOperations, 0);
+    EXPECT_EQ(static_cast<OperationMask>(context.KeyOperations),
+              operation::kRestoreKey | operation::kSaveKey | operation::kReplaceKey);
 }
 
 TEST_F(RegistryCallbackTest, FailedOperations) {

@@ -283,6 +283,7 @@ TEST_F(TraceTest, FilterNarrowsOperationTraces) {
     Start();
     const auto chosen = machine_->StartProcess({.imagePath = u"\\chosen.exe", .id = 4000});
     Enable(TRACE_LEVEL_VERBOSE, TRACE_OPERATION | TRACE_DRIVER);
+    Take();
     for (platform::Process* process : {&Worker(), chosen.get()}) {
         const ThreadScope thread(*process);
         const KeyHandle made = platform::MakeKey(platform::kTestKey);

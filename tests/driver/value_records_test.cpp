@@ -1,10 +1,7 @@
 // Which sets and deletions of values are recorded, what the records hold, and what becomes of
 // caller memory that cannot be read.
-#include "driver/driver_fixture.h"
-#include "intercept/registry_callback.h"
+#include "driver/record_test.h"
 #include "kernel/unreadable_memory.h"
-
-#include <cstring>
 
 namespace driver_test {
 
@@ -16,26 +13,15 @@ using platform::MakeKey;
 using platform::SetValue;
 using platform::UnreadableMemory;
 
-constexpr std::u16string_view kKey = u"\\REGISTRY\\MACHINE\\Values";
-
-std::string TextAt(const std::byte* record, ULONG offset) {
-    return platform::ToUtf8(reinterpret_cast<const char16_t*>(record + offset));
-}
-
-std::string BytesAt(const std::byte* record, ULONG offset, ULONG length) {
-    return {reinterpret_cast<const char*>(record + offset), length};
-}
-
 /// "name type 3: data (size), was data (size)", sizes where not all was captured.
-std::string Describe(const ValueSetRecord& set) {
-    const auto* const record = reinterpret_cast<const std::byte*>(&set);
+std::string DescribeSet(const RawRecord& record) {
+    const auto set = record.At<ValueSetRecord>(0);
     const auto data = [&](ULONG offset, ULONG captured, ULONG size) {
-        return BytesAt(record, offset, captured) +
+        return record.Data(offset, captured) +
                (captured != size ? " (" + std::to_string(size) + ")" : "");
     };
-    std::string text = TextAt(record, set.ValueNameOffset) + " type " +
-                       std::to_string(set.ValueType) + ": " +
-                       data(ValueSetRecord::kDataOffset, set.CapturedLength, set.DataSize);
+    std::string text = record.Text(set.ValueNameOffset) + " type " + std::to_string(set.ValueType) +
+                       ": " + data(ValueSetRecord::kDataOffset, set.CapturedLength, set.DataSize);
     if (set.PreviousOffset != 0) {
         EXPECT_EQ(set.PreviousOffset % 4, 0u);
         text += ", was " + data(set.PreviousOffset, set.PreviousCapturedLength, set.PreviousSize);
@@ -43,35 +29,33 @@ std::string Describe(const ValueSetRecord& set) {
     return text;
 }
 
+std::string Describe(const RawRecord& record) {
+    switch (record.type) {
+        case RecordType::kValueSet:
+            return DescribeSet(record);
+        case RecordType::kValueDeleted:
+            return "deleted " + record.Text(NameRecord::kNameOffset);
+        case RecordType::kKeyRenamed:
+            return "renamed " + record.Text(NameRecord::kNameOffset);
+        default:
+            return "information " + std::to_string(record.Number(40)) + ": " +
+                   record.Data(sizeof(InformationRecord), record.Number(44));
+    }
+}
+
 using Lines = std::vector<std::string>;
 
-class ValueRecordsTest : public DriverTest {
+class ValueRecordsTest : public RecordTest {
 protected:
     /// What is recorded while `actions` run in the worker process, with one key of it open.
     template <typename Actions>
     Lines Recorded(Actions actions) {
-        auto loan = TheClient().Lend();
-        {
-            const ThreadScope thread(Worker());
-            const KeyHandle key = MakeKey(kKey);
-            actions(static_cast<HANDLE>(key));
-        }
-        EXPECT_EQ(TheClient().Flush(), STATUS_SUCCESS);
-        EXPECT_EQ(loan->Wait(), STATUS_SUCCESS);
         Lines lines;
-        for (const Record& record : loan->Records()) {
-            const std::byte* const bytes = loan->Memory().data() + record.offset;
-            if (record.header.Type == RecordType::kValueSet) {
-                lines.push_back(Describe(*reinterpret_cast<const ValueSetRecord*>(bytes)));
-            } else if (record.header.Type == RecordType::kValueDeleted) {
-                lines.push_back("deleted " + TextAt(bytes, NameRecord::kNameOffset));
-            } else if (record.header.Type == RecordType::kKeyRenamed) {
-                lines.push_back("renamed " + TextAt(bytes, NameRecord::kNameOffset));
-            } else if (record.header.Type == RecordType::kKeyInformationSet) {
-                const auto& set = *reinterpret_cast<const InformationRecord*>(bytes);
-                lines.push_back("information " + std::to_string(set.InformationClass) + ": " +
-                                BytesAt(bytes, sizeof(set), set.DataLength));
-            }
+        for (const RawRecord& record :
+             RecordTest::Recorded({RecordType::kValueSet, RecordType::kValueDeleted,
+                                   RecordType::kKeyRenamed, RecordType::kKeyInformationSet},
+                                  actions)) {
+            lines.push_back(Describe(record));
         }
         return lines;
     }
@@ -192,51 +176,39 @@ TEST_F(ValueRecordsTest, CaptureLimit) {
     EXPECT_EQ(Recorded([](HANDLE key) { SetValue(key, u"b", 3, "abc"); }), Lines{"b type 3:  (3)"});
 }
 
-/// Notifications as the configuration manager would raise them, with memory that it does not have.
-class Notifier {
+/// Operations with memory that the configuration manager does not have.
+class ValueNotifier : public Notifier {
 public:
-    explicit Notifier(HANDLE key) : context_(ContextOf(key)) {
-        EXPECT_EQ(ObReferenceObjectByHandle(key, 0, nullptr, KernelMode, &object_, nullptr),
-                  STATUS_SUCCESS);
-    }
-    ~Notifier() { ObfDereferenceObject(object_); }
-    Notifier(const Notifier&) = delete;
-    Notifier& operator=(const Notifier&) = delete;
+    using Notifier::Notifier;
 
     /// A whole operation that succeeds; between the notifications the caller's data go from
     /// `before` to `after`.
     void Set(UNICODE_STRING name, const void* before, const void* after, ULONG size) {
-        REG_SET_VALUE_KEY_INFORMATION set = {
-            object_, &name, 0, 3, const_cast<void*>(before), size, nullptr, context_, nullptr};
-        RegistryCallback(&State, reinterpret_cast<PVOID>(RegNtPreSetValueKey), &set);
+        REG_SET_VALUE_KEY_INFORMATION set = {};
+        set.ValueName = &name;
+        set.Type = REG_BINARY;
+        set.Data = const_cast<void*>(before);
+        set.DataSize = size;
+        Before(RegNtPreSetValueKey, set);
         set.Data = const_cast<void*>(after);
-        Finish(RegNtPostSetValueKey, set, set.CallContext);
+        After(RegNtPostSetValueKey, set);
     }
     void Delete(UNICODE_STRING name) {
-        REG_DELETE_VALUE_KEY_INFORMATION deletion = {object_, &name, nullptr, context_, nullptr};
-        Finish(RegNtPostDeleteValueKey, deletion, nullptr);
+        REG_DELETE_VALUE_KEY_INFORMATION deletion = {};
+        deletion.ValueName = &name;
+        After(RegNtPostDeleteValueKey, deletion);
     }
     void Rename(UNICODE_STRING name) {
-        REG_RENAME_KEY_INFORMATION rename = {object_, &name, nullptr, context_, nullptr};
-        Finish(RegNtPostRenameKey, rename, nullptr);
+        REG_RENAME_KEY_INFORMATION rename = {};
+        rename.NewName = &name;
+        After(RegNtPostRenameKey, rename);
     }
     void SetInformation(const void* data, ULONG size) {
-        REG_SET_INFORMATION_KEY_INFORMATION set = {
-            object_, KeyWriteTimeInformation, const_cast<void*>(data), size, nullptr, context_,
-            nullptr};
-        Finish(RegNtPostSetInformationKey, set, nullptr);
+        REG_SET_INFORMATION_KEY_INFORMATION set = {};
+        set.KeySetInformation = const_cast<void*>(data);
+        set.KeySetInformationLength = size;
+        After(RegNtPostSetInformationKey, set);
     }
-
-private:
-    template <typename Information>
-    void Finish(ULONG64 notifyClass, Information& information, PVOID callContext) {
-        REG_POST_OPERATION_INFORMATION post = {object_,     STATUS_SUCCESS, &information, 0,
-                                               callContext, context_,       nullptr};
-        RegistryCallback(&State, reinterpret_cast<PVOID>(notifyClass), &post);
-    }
-
-    PVOID object_ = nullptr;
-    KeyObjectContext* context_;
 };
 
 UNICODE_STRING NameAt(void* memory, std::size_t bytes) {
@@ -260,7 +232,7 @@ TEST_F(ValueRecordsTest, DataThatCannotBeRead) {
             EXPECT_EQ(Recorded([&](HANDLE key) {
                           UNICODE_STRING heldName = platform::Describe(u"held");
                           UNICODE_STRING name = platform::Describe(u"v");
-                          Notifier notifier(key);
+                          ValueNotifier notifier(key);
                           // Nothing to compare it with: it is a change.
                           notifier.Set(name, bad, bad, static_cast<ULONG>(size));
                           // The cache now holds no data, so that this is one, too; what the
@@ -281,8 +253,8 @@ TEST_F(ValueRecordsTest, DataThatCannotBeRead) {
                       }),
                       (Lines{lost, "v type 3: " + data, lost, "deleted v", "deleted held"}));
             EXPECT_EQ(Recorded([&](HANDLE key) {
-                          Notifier(key).SetInformation(bad, static_cast<ULONG>(size));
-                          Notifier(key).SetInformation(data.data(), static_cast<ULONG>(size));
+                          ValueNotifier(key).SetInformation(bad, static_cast<ULONG>(size));
+                          ValueNotifier(key).SetInformation(data.data(), static_cast<ULONG>(size));
                       }),
                       (Lines{"information 0: ", "information 0: " + data}));
         }
@@ -298,7 +270,7 @@ TEST_F(ValueRecordsTest, NamesThatCannotBeRead) {
             SCOPED_TRACE(std::to_string(readable) + " of " + std::to_string(size));
             const UNICODE_STRING bad = NameAt(memory.Place(text, readable), size);
             EXPECT_EQ(Recorded([&](HANDLE key) {
-                          Notifier notifier(key);
+                          ValueNotifier notifier(key);
                           SetValue(key, u"v", 3, text);  // the process has a cache to look into
                           notifier.Delete(bad);
                           notifier.Rename(bad);
