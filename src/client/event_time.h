@@ -23,4 +23,7 @@ private:
     std::size_t fraction_ = 0;   ///< where in `text_` the decimals start
 };
 
+/// Milliseconds since 1970 (UTC); negative before.
+std::int64_t UnixMilliseconds(std::uint64_t time);
+
 }  // namespace zpregmon

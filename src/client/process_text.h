@@ -10,6 +10,12 @@
 
 namespace zpregmon {
 
+/// The part of an image path behind its last backslash.
+inline std::u16string_view FileName(std::u16string_view image) {
+    image.remove_prefix(image.rfind(u'\\') + 1);  // nothing, when there is no backslash
+    return image;
+}
+
 class ProcessTextCache {
 public:
     /// `make` gets the process id and the image path, null when it is not known.

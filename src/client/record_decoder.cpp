@@ -1,6 +1,7 @@
 #include "client/record_decoder.h"
 
 #include "channel/buffer_format.h"
+#include "client/payload_decoder.h"
 
 #include <fmt/format.h>
 
@@ -16,28 +17,28 @@ namespace {
 /// Records and key paths start on multiples of this.
 constexpr std::size_t kAlignment = 8;
 
-/// The number of units before the first zero unit, or nothing when there is none. `text` starts on
-/// a multiple of 8, so that four units at a time can be looked at.
-std::optional<std::size_t> FindTerminator(std::span<const std::byte> text) {
-    constexpr std::uint64_t kOnes = 0x0001000100010001;
-    constexpr std::uint64_t kHighBits = 0x8000800080008000;
-    std::size_t at = 0;
-    for (; at + sizeof(std::uint64_t) <= text.size(); at += sizeof(std::uint64_t)) {
-        std::uint64_t units;
-        std::memcpy(&units, text.data() + at, sizeof(units));
-        // Non-zero exactly when one of the four units is zero.
-        if (((units - kOnes) & ~units & kHighBits) != 0) {
-            break;
-        }
-    }
-    for (; at + sizeof(char16_t) <= text.size(); at += sizeof(char16_t)) {
-        char16_t unit;
-        std::memcpy(&unit, text.data() + at, sizeof(unit));
-        if (unit == 0) {
-            return at / sizeof(char16_t);
-        }
-    }
-    return std::nullopt;
+/// Whether one of the first `places` places behind the buffer header is meant.
+bool IsPlace(std::int64_t place, std::uint64_t places) {
+    const std::uint64_t behind = static_cast<std::uint64_t>(place) - sizeof(BufferHeader);
+    return behind % kAlignment == 0 && behind / kAlignment < places;
+}
+
+template <typename T>
+T Load(const std::byte* record, std::size_t offset) {
+    T field;
+    std::memcpy(&field, record + offset, sizeof(field));
+    return field;
+}
+
+/// False: there is no such type.
+bool DecodeHeader(const std::byte* record, Event& event) {
+    const auto type = Load<std::uint32_t>(record, offsetof(RecordHeader, Type));
+    event.type = static_cast<zpregflt::RecordType>(type);
+    event.processId = Load<std::uint32_t>(record, offsetof(RecordHeader, ProcessId));
+    event.processKey = Load<std::uint64_t>(record, offsetof(RecordHeader, ProcessKey));
+    event.systemTime = Load<std::uint64_t>(record, offsetof(RecordHeader, SystemTime));
+    event.operations = Load<zpregflt::OperationMask>(record, offsetof(RecordHeader, KeyOperations));
+    return type - 1 < zpregflt::kLastRecordType;
 }
 
 }  // namespace
@@ -60,51 +61,13 @@ RecordDecoder::RecordDecoder(std::span<const std::byte> image) : image_(image) {
     }
     distance_ = header.NextOffset;
     visited_.resize(image.size() / (kAlignment * 64) + 1);
+    namePlaces_ = (image.size() - sizeof(header) + kAlignment - 1) / kAlignment;
+    if (const std::size_t least = sizeof(header) + sizeof(RecordHeader); image.size() >= least) {
+        recordPlaces_ = (image.size() - least) / kAlignment + 1;
+    }
 }
 
-bool RecordDecoder::Next(Event& event) {
-    if (distance_ == 0 || error_) {
-        return false;
-    }
-    const std::int64_t target = static_cast<std::int64_t>(place_) + distance_;
-    if (!CheckPlace(target)) {
-        return false;
-    }
-    const auto record = static_cast<std::size_t>(target);
-    RecordHeader header;
-    std::memcpy(&header, image_.data() + record, sizeof(header));
-    if (!DecodeHeader(record, header, event)) {
-        return false;
-    }
-    place_ = record;
-    distance_ = header.NextOffset;
-    return true;
-}
-
-bool RecordDecoder::CheckPlace(std::int64_t place) {
-    const auto size = static_cast<std::int64_t>(image_.size());
-    const bool inside = place >= static_cast<std::int64_t>(sizeof(BufferHeader)) &&
-                        place <= size - static_cast<std::int64_t>(sizeof(RecordHeader));
-    const std::uint64_t field = place_ + offsetof(BufferHeader, NextOffset);
-    if (!inside) {
-        return Fail(field, fmt::format("the next record is said to be at {}, expected a whole "
-                                       "record header between {} and the image's end at {}",
-                                       place, sizeof(BufferHeader), size));
-    }
-    if (place % static_cast<std::int64_t>(kAlignment) != 0) {
-        return Fail(field, fmt::format("the next record is said to be at {}, expected a multiple "
-                                       "of {}",
-                                       place, kAlignment));
-    }
-    if (!Visit(static_cast<std::size_t>(place))) {
-        return Fail(field, fmt::format("the chain comes back to the record at {}, expected a "
-                                       "record that was not there before",
-                                       place));
-    }
-    return true;
-}
-
-bool RecordDecoder::Visit(std::size_t place) {
+inline bool RecordDecoder::Visit(std::size_t place) {
     const std::size_t slot = place / kAlignment;
     const std::uint64_t bit = std::uint64_t{1} << (slot % 64);
     std::uint64_t& word = visited_[slot / 64];
@@ -113,44 +76,87 @@ bool RecordDecoder::Visit(std::size_t place) {
     return isNew;
 }
 
-bool RecordDecoder::DecodeHeader(std::size_t place, const RecordHeader& header, Event& event) {
-    const auto type = static_cast<std::uint32_t>(header.Type);
-    if (type == 0 || type > zpregflt::kLastRecordType) {
-        return Fail(place, fmt::format("record type {}, expected 1 to {}", type,
-                                       zpregflt::kLastRecordType));
+inline bool RecordDecoder::ReadName(std::size_t record, std::int32_t distance, Event& event) {
+    const std::int64_t target = static_cast<std::int64_t>(record) + distance;
+    if (!IsPlace(target, namePlaces_)) {
+        return FailName(record, target);
     }
-    event.type = header.Type;
-    event.processId = header.ProcessId;
-    event.processKey = header.ProcessKey;
-    event.systemTime = header.SystemTime;
-    event.operations = header.KeyOperations;
-    event.offset = place;
-    event.key.reset();
-    return header.NameOffset == 0 || ReadName(place, header.NameOffset, event);
+    const auto place = static_cast<std::size_t>(target);
+    const KnownName& known = knownNames_[place / kAlignment % knownNames_.size()];
+    if (known.place != place && !LookUpName(place)) {
+        return false;
+    }
+    event.key.emplace(reinterpret_cast<const char16_t*>(image_.data() + place), known.units);
+    return true;
 }
 
-bool RecordDecoder::ReadName(std::size_t record, std::int32_t distance, Event& event) {
-    const std::int64_t place = static_cast<std::int64_t>(record) + distance;
-    const std::uint64_t field = record + offsetof(RecordHeader, NameOffset);
-    if (place < static_cast<std::int64_t>(sizeof(BufferHeader)) ||
-        place >= static_cast<std::int64_t>(image_.size())) {
-        return Fail(field, fmt::format("the key's path is said to be at {}, expected a place "
-                                       "between {} and the image's end at {}",
-                                       place, sizeof(BufferHeader), image_.size()));
+bool RecordDecoder::Next(Event& event) {
+    if (distance_ == 0 || error_) {
+        return false;
     }
+    const std::int64_t target = static_cast<std::int64_t>(place_) + distance_;
+    const auto place = static_cast<std::size_t>(target);
+    if (!IsPlace(target, recordPlaces_) || !Visit(place)) {
+        return FailNext(target);
+    }
+    const std::byte* const record = image_.data() + place;
+    if (!DecodeHeader(record, event)) {
+        return FailType(place, Load<std::uint32_t>(record, offsetof(RecordHeader, Type)));
+    }
+    event.offset = place;
+    const auto name = Load<std::int32_t>(record, offsetof(RecordHeader, NameOffset));
+    if (name == 0) {
+        event.key.reset();
+    } else if (!ReadName(place, name, event)) {
+        return false;
+    }
+    if (!DecodePayload(image_, place, event, error_)) {
+        return false;
+    }
+    place_ = place;
+    distance_ = Load<std::int32_t>(record, offsetof(RecordHeader, NextOffset));
+    return true;
+}
+
+bool RecordDecoder::LookUpName(std::size_t place) {
+    const std::size_t units = FindTextEnd(image_.subspan(place));
+    knownNames_[place / kAlignment % knownNames_.size()] = {place, units};
+    return units != kNoTextEnd ||
+           Fail(place, "the key's path has no end, expected a 16-bit zero before the image's end");
+}
+
+bool RecordDecoder::FailNext(std::int64_t place) {
+    const std::uint64_t field = place_ + offsetof(BufferHeader, NextOffset);
+    if (place % static_cast<std::int64_t>(kAlignment) != 0) {
+        return Fail(field, fmt::format("the next record is said to be at {}, expected a multiple "
+                                       "of {}",
+                                       place, kAlignment));
+    }
+    if (IsPlace(place, recordPlaces_)) {
+        return Fail(field, fmt::format("the chain comes back to the record at {}, expected a "
+                                       "record that was not there before",
+                                       place));
+    }
+    return Fail(field, fmt::format("the next record is said to be at {}, expected a whole record "
+                                   "header between {} and the image's end at {}",
+                                   place, sizeof(BufferHeader), image_.size()));
+}
+
+bool RecordDecoder::FailType(std::size_t place, std::uint32_t type) {
+    return Fail(place,
+                fmt::format("record type {}, expected 1 to {}", type, zpregflt::kLastRecordType));
+}
+
+bool RecordDecoder::FailName(std::size_t record, std::int64_t place) {
+    const std::uint64_t field = record + offsetof(RecordHeader, NameOffset);
     if (place % static_cast<std::int64_t>(kAlignment) != 0) {
         return Fail(field, fmt::format("the key's path is said to be at {}, expected a multiple "
                                        "of {}",
                                        place, kAlignment));
     }
-    const auto text = image_.subspan(static_cast<std::size_t>(place));
-    const std::optional<std::size_t> length = FindTerminator(text);
-    if (!length) {
-        return Fail(static_cast<std::uint64_t>(place),
-                    "the key's path has no end, expected a 16-bit zero before the image's end");
-    }
-    event.key.emplace(reinterpret_cast<const char16_t*>(text.data()), *length);
-    return true;
+    return Fail(field, fmt::format("the key's path is said to be at {}, expected a place between "
+                                   "{} and the image's end at {}",
+                                   place, sizeof(BufferHeader), image_.size()));
 }
 
 bool RecordDecoder::Fail(std::uint64_t offset, std::string what) {

@@ -37,6 +37,33 @@ constexpr std::array<std::string_view, zpregflt::kLastRecordType + 1> kRecordNam
 };
 static_assert(!kRecordNames.back().empty());
 
+/// By record type.
+constexpr std::array<zpregflt::OperationMask, zpregflt::kLastRecordType + 1> kOperations = {
+    0,
+    zpregflt::operation::kSetValueKey,
+    zpregflt::operation::kDeleteValueKey,
+    zpregflt::operation::kSetInformationKey,
+    zpregflt::operation::kRenameKey,
+    zpregflt::operation::kEnumerateKey,
+    zpregflt::operation::kEnumerateValueKey,
+    zpregflt::operation::kQueryKey,
+    zpregflt::operation::kQueryValueKey,
+    zpregflt::operation::kQueryMultipleValueKey,
+    zpregflt::operation::kLoadKey,
+    zpregflt::operation::kSaveKey,
+    zpregflt::operation::kSetKeySecurity,
+    zpregflt::operation::kQueryKeySecurity,
+    zpregflt::operation::kRestoreKey,
+    zpregflt::operation::kReplaceKey,
+    zpregflt::operation::kFlushKey,
+    zpregflt::operation::kUnLoadKey,
+    zpregflt::operation::kKeyHandleClose,
+    zpregflt::operation::kDeleteKey,
+    zpregflt::operation::kQueryKeyName,
+    zpregflt::operation::kCreateKeyEx,
+};
+static_assert(kOperations.back() != 0);
+
 constexpr zpregflt::OperationMask kEveryOperation =
     (zpregflt::OperationMask{1} << zpregflt::kOperationCount) - 1;
 
@@ -74,6 +101,17 @@ std::optional<zpregflt::OperationMask> ParseName(std::string_view name) {
 
 std::string_view RecordName(zpregflt::RecordType type) {
     return kRecordNames[static_cast<std::size_t>(type)];
+}
+
+std::optional<std::uint32_t> ParseKind(std::string_view word) {
+    const auto operation = ParseName(word);
+    std::uint32_t kinds = 0;
+    for (std::uint32_t type = 1; type <= zpregflt::kLastRecordType; ++type) {
+        if (SameWord(word, kRecordNames[type]) || (operation && kOperations[type] == *operation)) {
+            kinds |= std::uint32_t{1} << type;
+        }
+    }
+    return kinds != 0 || operation ? std::optional(kinds) : std::nullopt;
 }
 
 std::optional<zpregflt::OperationMask> ParseOperations(std::string_view text,

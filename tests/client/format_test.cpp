@@ -30,15 +30,11 @@ Event MakeEvent(RecordType type, std::optional<std::u16string_view> key) {
 
 std::string Format(std::string_view name, const Event& event,
                    const ProcessImages* images = nullptr) {
-    for (const NamedFormat& format : Formats()) {
-        if (format.name == name) {
-            TextBuffer out;
-            format.make(images)->Append(event, out);
-            return fmt::to_string(out);
-        }
-    }
-    ADD_FAILURE() << "no such format";
-    return {};
+    FormatSettings settings;
+    settings.images = images;
+    TextBuffer out;
+    FindFormat(name)->make(settings)->Append(event, out);
+    return fmt::to_string(out);
 }
 
 /// The names are an interface: each is spelled out here.
@@ -156,7 +152,9 @@ TEST(Table, ShortensRootsAndNothingElse) {
 /// One format serves many events: the next second, another process, an image learnt late.
 TEST(Formats, KeepNothingThatIsOutOfDate) {
     KnownImages images;
-    const auto format = MakeJsonLinesFormat(&images);
+    FormatSettings settings;
+    settings.images = &images;
+    const auto format = MakeJsonLinesFormat(settings);
     const auto line = [&](std::uint32_t pid, std::uint64_t time) {
         Event event = MakeEvent(RecordType::kKeyCreated, std::nullopt);
         event.processId = pid;

@@ -41,7 +41,7 @@ TEST(RecordDecoder, YieldsRecordsAndTheirSharedPath) {
 
 TEST(RecordDecoder, TakesOverEveryFieldOfTheHeader) {
     zpregflt::RecordHeader header{};
-    header.Type = zpregflt::RecordType::kValueSet;
+    header.Type = zpregflt::RecordType::kKeyFlushed;
     header.ProcessId = 0x11223344;
     header.ProcessKey = 0x5566778899AABBCC;
     header.SystemTime = 0x0123456789ABCDEF;
@@ -50,7 +50,7 @@ TEST(RecordDecoder, TakesOverEveryFieldOfTheHeader) {
     const auto [events, error] = Decode(builder.Bytes());
     ASSERT_FALSE(error);
     ASSERT_EQ(events.size(), 1U);
-    EXPECT_EQ(events[0].type, zpregflt::RecordType::kValueSet);
+    EXPECT_EQ(events[0].type, zpregflt::RecordType::kKeyFlushed);
     EXPECT_EQ(events[0].processId, 0x11223344U);
     EXPECT_EQ(events[0].processKey, 0x5566778899AABBCCU);
     EXPECT_EQ(events[0].systemTime, 0x0123456789ABCDEFU);

@@ -1,43 +1,18 @@
 // The program itself, run as people run it: its exit status and what it says.
+#include "zpregmon/program.h"
 #include "zpregmon/temporary_file.h"
 
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
 #include <algorithm>
-#include <array>
-#include <cstdio>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <string>
+#include <vector>
 
 namespace zpregmon {
 namespace {
-
-struct Finished {
-    int status;
-    std::string output;
-};
-
-/// The program lies beside the tests; a shell that does not find it ends with status 127.
-std::string ProgramPath() {
-    return (std::filesystem::read_symlink("/proc/self/exe").parent_path() / "zpregmon").string();
-}
-
-Finished RunShell(const std::string& command) {
-    std::FILE* const pipe = popen(command.c_str(), "r");
-    std::string output;
-    std::array<char, 4096> piece;
-    while (const std::size_t got = std::fread(piece.data(), 1, piece.size(), pipe)) {
-        output.append(piece.data(), got);
-    }
-    const int status = pclose(pipe);
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, output};
-}
-
-/// Runs the program and keeps what it says on standard error.
-Finished Complaints(const std::string& arguments) {
-    return RunShell("'" + ProgramPath() + "' " + arguments + " 2>&1 >/dev/null");
-}
 
 std::string SmallWorkload() {
     return WorkloadHeader() + Start(32) +
@@ -69,6 +44,15 @@ TEST(Program, WrongUseIsOneLineAndStatus2) {
         {"replay samples/wineboot.jsonl.gz -o /no/such/file", "/no/such/file: cannot write"},
         {"replay samples/wineboot.jsonl.gz --dump-file /no/such/file",
          "/no/such/file: cannot write"},
+        {"replay x --include key", "'key' is no filter, expected op=, key="},
+        {"replay x --exclude op=Nothing", "'Nothing' is no operation"},
+        {"decode", "dump is required"},
+        {"decode no/such/file README.md", "no/such/file: cannot open: No such file or directory"},
+        {"decode .", ".: cannot read: it is a directory"},
+        {"decode README.md -o ./README.md", "README.md: cannot write: it is read, too"},
+        {"decode README.md -o /no/such/file", "/no/such/file: cannot write"},
+        {"summary README.md --top 0", "--top"},
+        {"nonsense", "nonsense"},
     };
     for (const Case& test : cases) {
         const Finished finished = Complaints(test.arguments);
@@ -86,6 +70,39 @@ TEST(Program, SaysWhatItIs) {
     const Finished version = RunShell("'" + ProgramPath() + "' --version");
     EXPECT_EQ(version.status, 0);
     EXPECT_EQ(version.output.find("zpregmon "), 0U);
+}
+
+std::string ReadFile(const char* path) {
+    std::ifstream file(path);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+/// The long options of a command, as its help says.
+std::vector<std::string> LongOptions(const std::string& command) {
+    const std::string help = RunShell("'" + ProgramPath() + "' " + command + " --help").output;
+    std::vector<std::string> options;
+    for (std::size_t at = help.find("--"); at != std::string::npos; at = help.find("--", at + 2)) {
+        const std::size_t end = help.find_first_not_of("-abcdefghijklmnopqrstuvwxyz", at);
+        options.push_back(help.substr(at, end - at));
+    }
+    return options;
+}
+
+TEST(Program, DocumentsAndCompletesEveryOption) {
+    std::string manual = ReadFile("docs/zpregmon.1");
+    manual.erase(std::remove(manual.begin(), manual.end(), '\\'), manual.end());
+    for (const char* command : {"replay", "decode", "summary", "formats"}) {
+        const Finished completed = RunShell(
+            "bash -c 'source share/bash-completion/completions/zpregmon; COMP_WORDS=(zpregmon " +
+            std::string(command) + " --); COMP_CWORD=2; _zpregmon; echo \"${COMPREPLY[@]} \"'");
+        const auto options = LongOptions(command);
+        EXPECT_FALSE(options.empty());
+        for (const std::string& option : options) {
+            EXPECT_NE(completed.output.find(option + " "), std::string::npos) << option;
+            EXPECT_NE(manual.find(option), std::string::npos) << option;
+        }
+        EXPECT_NE(manual.find(command), std::string::npos);
+    }
 }
 
 TEST(Program, PrintsEventsAndASummary) {
@@ -124,6 +141,23 @@ TEST(Program, DisagreementIsListedAndStatus1) {
 TEST(Program, ReadsStandardInput) {
     const TemporaryFile workload(SmallWorkload());
     EXPECT_EQ(Complaints("replay - < " + workload.Path()).status, 0);
+}
+
+/// The pipe's reader takes the first line only once the interruption is on its way, so that the
+/// replay cannot have come to its end.
+TEST(Program, InterruptionEndsAReplayWithItsSummary) {
+    const TemporaryFile complaints;
+    const TemporaryFile pipe;
+    const Finished finished = RunShell(
+        "bash -c 'rm " + pipe.Path() + "; mkfifo " + pipe.Path() + "; \"" + ProgramPath() +
+        "\" replay samples/wineboot.jsonl.gz --operations 0x3fffff -o " + pipe.Path() + " 2>" +
+        complaints.Path() + " & exec 3<" + pipe.Path() +
+        "; read -r line <&3; kill -INT $!; cat <&3 >/dev/null; wait $!; echo status $?; grep \"^"
+        "operations replayed\" " +
+        complaints.Path() + "'");
+    EXPECT_EQ(finished.output.find("status 0\noperations replayed"), 0U) << finished.output;
+    const std::size_t number = finished.output.find_first_of("123456789", 30);
+    EXPECT_LT(std::stoul(finished.output.substr(number)), 60000U) << "the whole workload";
 }
 
 TEST(Program, EndsQuietlyWhenNobodyReads) {

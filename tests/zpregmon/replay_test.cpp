@@ -3,12 +3,16 @@
 #include "channel/buffer_format.h"
 #include "client/dump_file.h"
 #include "driver/control_codes.h"
-#include "zpregmon/created_keys_model.h"
+#include "kernel/registry_fixture.h"
+#include "zpregmon/registry_model.h"
+#include "zpregmon/replay/process_start.h"
 #include "zpregmon/temporary_file.h"
 
 #include <gtest/gtest.h>
 
+#include <map>
 #include <memory>
+#include <variant>
 
 namespace zpregmon {
 namespace {
@@ -21,12 +25,33 @@ struct SeenEvent {
     std::uint32_t processId;
     std::uint64_t time;
     std::u16string key;
+    std::u16string valueName;
+    ModelValue value;
+    std::optional<std::vector<std::byte>> previous;
     bool operator==(const SeenEvent&) const = default;
 };
 
+std::vector<std::byte> Copy(const CapturedData& data) {
+    EXPECT_EQ(data.captured.size(), data.size);
+    return {data.captured.begin(), data.captured.end()};
+}
+
 SeenEvent Keep(const Event& event) {
-    return {event.type, event.processId, event.systemTime,
-            std::u16string(event.key.value_or(u"no name"))};
+    SeenEvent seen{event.type,
+                   event.processId,
+                   event.systemTime,
+                   std::u16string(event.key.value_or(u"no name")),
+                   {},
+                   {},
+                   {}};
+    if (const auto* const set = std::get_if<ValueSet>(&event.payload)) {
+        seen.valueName = set->value.Copy();
+        seen.value = {set->type, Copy(set->data)};
+        if (set->previous) seen.previous = Copy(*set->previous);
+    } else if (const auto* const deleted = std::get_if<ValueDeleted>(&event.payload)) {
+        seen.valueName = deleted->value.Copy();
+    }
+    return seen;
 }
 
 struct Replayed {
@@ -52,35 +77,122 @@ void ExpectNothingLost(const MonitoredReplayResult& result) {
     EXPECT_EQ(result.events, result.driver.recordsWritten);
 }
 
-TEST(Replay, OfTheSampleAgreesAndSeesEveryKeyThatIsCreated) {
-    const Workload workload = Workload::Read(kSample);
+/// Real traffic, with every answer checked. The driver tells exactly which keys were created and
+/// deleted and which values were changed or deleted, and what they held before.
+class SampleTest : public testing::TestWithParam<const char*> {};
+
+void ExpectSame(const ExpectedEvent& expected, const SeenEvent& seen, const RegistryModel& model) {
+    EXPECT_EQ(seen.type, expected.type);
+    EXPECT_EQ(seen.processId, expected.pid);
+    EXPECT_EQ(model.RealPath(seen.key), expected.key);
+    EXPECT_EQ(seen.valueName, expected.valueName);
+    EXPECT_EQ(seen.value, expected.value);
+    EXPECT_EQ(seen.previous.has_value(), expected.previous.has_value());
+    if (seen.previous && expected.previous) {
+        EXPECT_EQ(*seen.previous, expected.previous->data);
+    }
+}
+
+TEST_P(SampleTest, LeavesTheEventsThatItMust) {
+    const Workload workload = Workload::Read(GetParam());
     MonitoredReplayOptions options;
     options.check = true;
-    options.operations = zpregflt::operation::kCreateKeyEx;
+    options.operations = zpregflt::operation::kCreateKeyEx | zpregflt::operation::kDeleteKey |
+                         zpregflt::operation::kSetValueKey | zpregflt::operation::kDeleteValueKey;
+    options.reportOriginal = true;
     const auto [result, events] = Replay(workload, options);
     ExpectNothingLost(result);
     EXPECT_EQ(result.replay.check.compared, result.replay.operations);
-    EXPECT_EQ(result.replay.check.openEnumerations, 0U);
     for (const Disagreement& disagreement : result.replay.check.first) {
         ADD_FAILURE() << "line " << disagreement.line << ": " << disagreement.what;
     }
 
-    CreatedKeysModel model;
-    auto event = events.begin();
+    RegistryModel model;
+    auto seen = events.begin();
     for (const Record& record : workload.Records()) {
-        std::u16string created;
-        if (model.Creates(record, created)) {
-            ASSERT_NE(event, events.end()) << "line " << record.line << " is not recorded";
-            ASSERT_EQ(event->type, zpregflt::RecordType::kKeyCreated);
-            ASSERT_EQ(event->processId, record.pid) << "line " << record.line;
-            ASSERT_EQ(model.RealPath(event->key), created) << "line " << record.line;
-            ++event;
+        const std::optional<ExpectedEvent> expected = model.Apply(record);
+        if (expected) {
+            SCOPED_TRACE("line " + std::to_string(record.line));
+            ASSERT_NE(seen, events.end()) << "not recorded";
+            ExpectSame(*expected, *seen++, model);
+            ASSERT_FALSE(testing::Test::HasFailure());
+        }
+    }
+    EXPECT_EQ(seen, events.end()) << "nothing of that kind happened";
+    EXPECT_GT(events.size(), 10000U);
+}
+
+/// What the registry holds, without the driver in the machine.
+std::optional<ModelValue> Query(const std::u16string& path, const Record& record) {
+    // Real paths lead through no link; a link itself is asked for its own values.
+    const platform::Opened opened =
+        platform::OpenKeyOf(path, {.attributes = OBJ_CASE_INSENSITIVE | OBJ_OPENLINK});
+    EXPECT_EQ(opened.status, STATUS_SUCCESS);
+    UNICODE_STRING name = platform::Describe(record.name);
+    alignas(8) std::byte buffer[64 * 1024];
+    ULONG length = 0;
+    if (NtQueryValueKey(opened.key, &name, KeyValuePartialInformation, buffer, sizeof(buffer),
+                        &length) != STATUS_SUCCESS) {
+        return std::nullopt;
+    }
+    const auto& value = *reinterpret_cast<const KEY_VALUE_PARTIAL_INFORMATION*>(buffer);
+    const auto* const data = reinterpret_cast<const std::byte*>(value.Data);
+    return ModelValue{value.Type, {data, data + value.DataLength}};
+}
+
+TEST_P(SampleTest, ChangesWhatTheRegistryHeld) {
+    const Workload workload = Workload::Read(GetParam());
+    platform::Machine machine;
+    for (const std::u16string_view key : workload.InitialKeys()) {
+        machine.SetRegistryDword(key, u"made", 1);
+    }
+    RegistryModel model;
+    RegistryCaller caller;
+    std::map<std::uint32_t, std::unique_ptr<ReplayProcess>> processes;
+    RecordedThread thread;
+    std::uint64_t compared = 0;
+    for (const Record& record : workload.Records()) {
+        if (record.op == Op::kProcessStart) {
+            thread.Leave();
+            processes[record.pid] = StartRecordedProcess(machine, workload, record);
+        } else if (record.op == Op::kProcessExit) {
+            thread.Leave();
+            machine.ExitProcess(processes.at(record.pid)->Process());
+            processes.erase(record.pid);
+        } else if (record.op == Op::kDuplicate) {
+            RegistryCaller::Duplicate(record, *processes.at(record.fromPid),
+                                      *processes.at(record.toPid));
+        } else if (IsCall(record.op)) {
+            ReplayProcess& process = *processes.at(record.pid);
+            thread.Enter(process, record.tid);
+            if (record.op == Op::kSetValue && record.status == 0) {
+                const ModelValue* const expected = model.ValueOf(record);
+                const std::optional<ModelValue> held = Query(model.KeyOf(record), record);
+                ASSERT_EQ(held.has_value(), expected != nullptr) << "line " << record.line;
+                ASSERT_TRUE(!held || *held == *expected) << "line " << record.line;
+                ++compared;
+            }
+            caller.Call(record, process);
         }
         model.Apply(record);
     }
-    EXPECT_EQ(event, events.end()) << "a key that nobody created";
-    EXPECT_GT(events.size(), 9000U);
+    thread.Leave();
+    for (const auto& [pid, process] : processes) {
+        machine.ExitProcess(process->Process());
+    }
+    EXPECT_GT(compared, 15000U);
 }
+
+INSTANTIATE_TEST_SUITE_P(All, SampleTest,
+                         testing::Values("samples/wineboot.jsonl.gz", "samples/reg-import.jsonl.gz",
+                                         "samples/parallel.jsonl.gz"),
+                         [](const auto& sample) {
+                             std::string name = sample.param;
+                             name = name.substr(name.find('/') + 1);
+                             name = name.substr(0, name.find('.'));
+                             std::erase(name, '-');
+                             return name;
+                         });
 
 TEST(Replay, InParallelLosesNothing) {
     const Workload workload = Workload::Read(kSample);

@@ -1,0 +1,173 @@
+#include "client/event_filter.h"
+
+#include "client/event_detail.h"
+#include "client/process_text.h"
+#include "client/registry_path.h"
+#include "client/text_encoding.h"
+#include "client/vocabulary.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <charconv>
+
+namespace zpregmon {
+
+namespace {
+
+constexpr std::string_view kFieldNames[] = {"op", "key", "value", "pid", "image"};
+
+bool MatchesAny(const std::vector<std::u16string>& patterns, WireText text) {
+    return std::any_of(patterns.begin(), patterns.end(),
+                       [&](const std::u16string& pattern) { return MatchesGlob(pattern, text); });
+}
+
+/// The path as it was recorded, or as the formats abbreviate it.
+bool MatchesKey(const std::vector<std::u16string>& patterns, std::u16string_view key) {
+    if (MatchesAny(patterns, key)) {
+        return true;
+    }
+    const ShortPath path = ShortenPath(key);
+    return !path.root.empty() &&
+           MatchesAny(patterns,
+                      std::u16string(path.root.begin(), path.root.end()) + path.rest.Copy());
+}
+
+bool MatchesValue(const std::vector<std::u16string>& patterns, const Event& event) {
+    if (const auto* values = std::get_if<ValuesQueried>(&event.payload)) {
+        for (std::uint32_t i = 0; i < values->size(); ++i) {
+            const auto name = (*values)[i].value;
+            if (name && MatchesAny(patterns, *name)) {
+                return true;
+            }
+        }
+        return false;
+    }
+    const auto name = ValueOf(event);
+    return name && MatchesAny(patterns, *name);
+}
+
+bool MatchesImage(const std::vector<std::u16string>& patterns, const std::u16string& image) {
+    return std::any_of(patterns.begin(), patterns.end(), [&](const std::u16string& pattern) {
+        const bool isPath = pattern.find(u'\\') != std::u16string::npos;
+        return MatchesGlob(pattern, isPath ? std::u16string_view(image) : FileName(image));
+    });
+}
+
+}  // namespace
+
+bool MatchesGlob(std::u16string_view pattern, WireText text) {
+    std::size_t inPattern = 0;
+    std::size_t inText = 0;
+    // Where to go on when the characters after the last star do not match.
+    std::size_t afterStar = std::u16string_view::npos;
+    std::size_t starText = 0;
+    while (inText < text.size()) {
+        if (inPattern < pattern.size() && pattern[inPattern] == u'*') {
+            afterStar = ++inPattern;
+            starText = inText;
+        } else if (inPattern < pattern.size() &&
+                   (pattern[inPattern] == u'?' ||
+                    FoldCase(pattern[inPattern]) == FoldCase(text[inText]))) {
+            ++inPattern;
+            ++inText;
+        } else if (afterStar != std::u16string_view::npos) {
+            inPattern = afterStar;
+            inText = ++starText;
+        } else {
+            return false;
+        }
+    }
+    return pattern.find_first_not_of(u'*', inPattern) == std::u16string_view::npos;
+}
+
+std::string EventFilter::Add(std::string_view rule, Rules& rules) {
+    const std::size_t equals = rule.find('=');
+    const std::string_view name = rule.substr(0, equals);
+    const auto* const found = std::find(std::begin(kFieldNames), std::end(kFieldNames), name);
+    if (equals == std::string_view::npos || found == std::end(kFieldNames)) {
+        return fmt::format("'{}' is no filter, expected {}= and a pattern", rule,
+                           fmt::join(kFieldNames, "=, "));
+    }
+    const auto field = static_cast<Field>(found - std::begin(kFieldNames));
+    const std::string_view what = rule.substr(equals + 1);
+    std::string problem = field == kOperation || field == kProcess ? AddWords(field, what, rules)
+                                                                   : AddPattern(field, what, rules);
+    if (problem.empty()) {
+        rules.fields |= 1U << field;
+    }
+    return problem;
+}
+
+std::string EventFilter::AddWords(Field field, std::string_view words, Rules& rules) {
+    for (std::size_t start = 0; start <= words.size();) {
+        const std::size_t comma = std::min(words.find(',', start), words.size());
+        const std::string_view word = words.substr(start, comma - start);
+        start = comma + 1;
+        if (field == kOperation) {
+            const std::optional<std::uint32_t> kinds = ParseKind(word);
+            if (!kinds) {
+                return fmt::format(
+                    "'{}' is no operation, expected a kind of record such as "
+                    "value-set or an operation such as SetValueKey",
+                    word);
+            }
+            rules.kinds |= *kinds;
+            continue;
+        }
+        std::uint32_t process = 0;
+        const auto [end, error] = std::from_chars(word.data(), word.data() + word.size(), process);
+        if (error != std::errc() || end != word.data() + word.size()) {
+            return fmt::format("'{}' is no process id, expected a number", word);
+        }
+        rules.processes.push_back(process);
+    }
+    return {};
+}
+
+std::string EventFilter::AddPattern(Field field, std::string_view text, Rules& rules) {
+    const std::optional<std::u16string> pattern = FromUtf8(text);
+    if (!pattern) {
+        return "a pattern is not UTF-8";
+    }
+    rules.patterns[field].push_back(field == kKey ? LengthenPath(*pattern) : *pattern);
+    return {};
+}
+
+bool EventFilter::Matches(Field field, const Rules& rules, const Event& event,
+                          const ProcessImages* images) {
+    switch (field) {
+        case kOperation:
+            return (rules.kinds >> static_cast<std::uint32_t>(event.type) & 1U) != 0;
+        case kKey:
+            return event.key && MatchesKey(rules.patterns[kKey], *event.key);
+        case kValue:
+            return MatchesValue(rules.patterns[kValue], event);
+        case kProcess:
+            return std::find(rules.processes.begin(), rules.processes.end(), event.processId) !=
+                   rules.processes.end();
+        case kImage: {
+            const std::u16string* const image =
+                images != nullptr ? images->Find(event.processId) : nullptr;
+            return image != nullptr && MatchesImage(rules.patterns[kImage], *image);
+        }
+        case kFieldCount:
+            break;
+    }
+    return false;
+}
+
+bool EventFilter::Passes(const Event& event, const ProcessImages* images) const {
+    for (unsigned number = 0; number < kFieldCount; ++number) {
+        const auto field = static_cast<Field>(number);
+        if ((include_.fields >> number & 1U) != 0 && !Matches(field, include_, event, images)) {
+            return false;
+        }
+        if ((exclude_.fields >> number & 1U) != 0 && Matches(field, exclude_, event, images)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+}  // namespace zpregmon

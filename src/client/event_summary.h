@@ -1,0 +1,58 @@
+// Counts events: by kind, process, key subtree, changed value and time.
+#pragma once
+
+#include "client/event.h"
+#include "client/time_histogram.h"
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+namespace zpregmon {
+
+struct SummarySettings {
+    std::size_t top = 10;     ///< lines of each list
+    std::size_t depth = 3;    ///< parts of a path that make a subtree: HKLM\Software\Microsoft
+    std::size_t columns = 0;  ///< of the terminal; 0: to none, nothing is cut
+};
+
+/// Takes memory for each process, subtree and changed value that it has seen. Paths and names that
+/// differ only in case are counted together, under the spelling that came first.
+class EventSummary {
+public:
+    explicit EventSummary(const SummarySettings& settings) : settings_(settings) {}
+
+    void Add(const Event& event);
+    std::uint64_t Events() const { return events_; }
+    /// Several lines, each ended, in UTF-8.
+    std::string Describe() const;
+
+private:
+    struct Counted {
+        std::string text;
+        std::uint64_t count = 0;
+    };
+    using Counts = std::unordered_map<std::u16string, Counted>;
+
+    void AddChange(const Event& event);
+    /// The longest counts first.
+    void DescribeTop(std::string_view heading, std::vector<const Counted*> counts,
+                     std::string& text) const;
+    void DescribeKinds(std::string& text) const;
+    void DescribeProcesses(std::string& text) const;
+    void DescribeCounts(std::string_view heading, const Counts& counts, std::string& text) const;
+
+    SummarySettings settings_;
+    std::uint64_t events_ = 0;
+    std::array<std::uint64_t, zpregflt::kLastRecordType + 1> kinds_{};
+    std::unordered_map<std::uint32_t, std::uint64_t> processes_;
+    Counts subtrees_;
+    Counts changes_;
+    TimeHistogram times_;
+};
+
+}  // namespace zpregmon

@@ -1,0 +1,28 @@
+// Files that the command line names; "-" is a standard stream.
+#pragma once
+
+#include <cstdio>
+#include <memory>
+#include <string>
+
+namespace zpregmon {
+
+/// Standard streams stay open.
+struct CloseFile {
+    void operator()(std::FILE* file) const {
+        if (file != stdin && file != stdout) {
+            std::fclose(file);
+        }
+    }
+};
+using File = std::unique_ptr<std::FILE, CloseFile>;
+
+/// Throw UsageError. A file to write is made anew.
+File OpenToRead(const std::string& path);
+File OpenToWrite(const std::string& path);
+/// Throws UsageError unless the file can be written to, of which nothing is changed.
+void CheckWritable(const std::string& path);
+/// Throws UsageError when both name one file: writing it would destroy what is to be read.
+void CheckDifferent(const std::string& input, const std::string& output);
+
+}  // namespace zpregmon

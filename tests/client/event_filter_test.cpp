@@ -1,0 +1,141 @@
+#include "client/event_filter.h"
+
+#include "client/event_summary.h"
+#include "client/every_kind.h"
+#include "client/record_decoder.h"
+
+#include <gtest/gtest.h>
+
+namespace zpregmon {
+namespace {
+
+class OneImage final : public ProcessImages {
+public:
+    const std::u16string* Find(std::uint32_t) const override { return &image_; }
+
+private:
+    std::u16string image_ = u"\\Device\\HarddiskVolume1\\Windows\\RegEdit.exe";
+};
+
+TEST(Glob, MatchesAllOfTheText) {
+    struct Case {
+        const char16_t* pattern;
+        const char16_t* text;
+        bool matches;
+    };
+    const Case cases[] = {
+        {u"", u"", true},
+        {u"*", u"", true},
+        {u"?", u"", false},
+        {u"a*b*c", u"aXbXbc", true},
+        {u"a*b*c", u"aXbXbcd", false},
+        {u"*\\Run", u"\\A\\RUN", true},
+        {u"*\\Run", u"\\A\\RunOnce", false},
+        {u"?x", u"\\x", true},
+        {u"[a]", u"a", false},
+        {u"**a**", u"bab", true},
+        {u"\u00C4\u0416\u03A9", u"\u00E4\u0436\u03C9", true},
+        {u"\u0100", u"\u0101", true},
+        {u"\u00D7", u"\u00F7", false},  // signs, not letters
+        {u"*a*a*a*a*a*b", u"aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa", false},
+    };
+    for (const Case& test : cases) {
+        EXPECT_EQ(MatchesGlob(test.pattern, test.text), test.matches) << &test - cases << ". case";
+    }
+}
+
+/// How many of the 24 events, of every kind, pass.
+std::size_t Passing(const std::vector<std::string>& include,
+                    const std::vector<std::string>& exclude, const ProcessImages* images) {
+    EventFilter filter;
+    for (const std::string& rule : include) {
+        EXPECT_EQ(filter.Include(rule), "");
+    }
+    for (const std::string& rule : exclude) {
+        EXPECT_EQ(filter.Exclude(rule), "");
+    }
+    const std::vector<std::byte> image = EveryKind();
+    RecordDecoder decoder(image);
+    std::size_t passing = 0;
+    for (Event event; decoder.Next(event);) {
+        passing += filter.Passes(event, images) ? 1 : 0;
+    }
+    return passing;
+}
+
+TEST(EventFilter, CombinesRules) {
+    const OneImage images;
+    EXPECT_EQ(Passing({}, {}, nullptr), 24U);
+    EXPECT_EQ(Passing({"op=value-set"}, {}, nullptr), 4U);
+    EXPECT_EQ(Passing({"op=SETVALUEKEY,key-created", "op=FlushKey"}, {}, nullptr), 6U);
+    EXPECT_EQ(Passing({"op=OpenKeyEx"}, {}, nullptr), 0U) << "makes no record";
+    EXPECT_EQ(Passing({"value=start"}, {}, nullptr), 3U);
+    EXPECT_EQ(Passing({"value="}, {}, nullptr), 1U) << "the default value";
+    EXPECT_EQ(Passing({"value=B*"}, {}, nullptr), 2U) << "Blob, and one of several";
+    EXPECT_EQ(Passing({"value=start", "op=value-set"}, {}, nullptr), 1U);
+    EXPECT_EQ(Passing({}, {"value=*", "op=key-created"}, nullptr), 16U);
+    EXPECT_EQ(Passing({"key=hklm\\system\\*"}, {}, nullptr), 24U);
+    EXPECT_EQ(Passing({"key=HKEY_LOCAL_MACHINE\\system\\*\\dhcp"}, {}, nullptr), 24U);
+    EXPECT_EQ(Passing({"key=\\registry\\machine\\*"}, {}, nullptr), 24U);
+    EXPECT_EQ(Passing({"key=HK*"}, {}, nullptr), 24U);
+    EXPECT_EQ(Passing({"key=HKLM"}, {}, nullptr), 0U);
+    EXPECT_EQ(Passing({"key=HKU\\*", "key=*\\Dhcp"}, {}, nullptr), 24U);
+    EXPECT_EQ(Passing({"pid=1,32"}, {}, nullptr), 24U);
+    EXPECT_EQ(Passing({}, {"pid=32"}, nullptr), 0U);
+    EXPECT_EQ(Passing({"image=regedit.EXE"}, {}, &images), 24U);
+    EXPECT_EQ(Passing({"image=*\\windows\\*"}, {}, &images), 24U);
+    EXPECT_EQ(Passing({"image=*"}, {}, nullptr), 0U) << "no image is known";
+}
+
+TEST(EventFilter, SaysWhatIsWrongWithARule) {
+    EventFilter filter;
+    for (const char* wrong : {"", "op", "=x", "Key=x", "op=", "op=Nothing", "op=value-set,",
+                              "pid=", "pid=x", "pid=-1", "pid=4294967296", "key=\xff"}) {
+        EXPECT_NE(filter.Include(wrong), "") << wrong;
+    }
+    EXPECT_TRUE(filter.IsEmpty());
+}
+
+TEST(EventSummary, CountsAndDraws) {
+    EventSummary summary({.top = 2, .depth = 2, .columns = 0});
+    EXPECT_EQ(summary.Describe(), "           0  events\n");
+    const std::vector<std::byte> image = EveryKind();
+    RecordDecoder decoder(image);
+    for (Event event; decoder.Next(event);) {
+        event.systemTime += summary.Events() * 10'000'000;  // one a second
+        event.processId = summary.Events() % 4 == 0 ? 7 : 32;
+        summary.Add(event);
+    }
+    const std::string text = summary.Describe();
+    for (const char* line : {
+             "          24  events\n",
+             "           4  value-set\n",
+             "          18  process 32\n           6  process 7\n",
+             "          24  HKLM\\SYSTEM\n",
+             "           2  HKLM\\SYSTEM\\ControlSet001\\Services\\Dhcp\\Start\n",
+             "              and 2 more\n",
+             "       1 \u2588",
+             "2026-11-22T19:42:51.123",
+             "2026-11-22T19:43:14.123\n",
+         }) {
+        EXPECT_NE(text.find(line), std::string::npos) << line << "is not in\n" << text;
+    }
+}
+
+/// However far apart times are and in whatever order they come.
+TEST(TimeHistogram, TakesAnyTimes) {
+    TimeHistogram times;
+    EXPECT_EQ(times.Draw(80), "");
+    for (std::uint64_t i = 0; i < 20'000; ++i) {
+        times.Add(i * 0x9E3779B97F4A7C15);
+    }
+    times.Add(~std::uint64_t{0});
+    times.Add(0);
+    const std::string text = times.Draw(80);
+    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 7);
+    EXPECT_NE(text.find("1601-01-01T00:00:00.000"), std::string::npos);
+    EXPECT_NE(text.find("60056-05-28T05:36:10.955"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace zpregmon

@@ -1,0 +1,155 @@
+// The formats against the stored examples, which stand in docs/formats.md.
+#include "client/every_kind.h"
+#include "client/format.h"
+#include "client/record_decoder.h"
+
+#include <gtest/gtest.h>
+#include <simdjson.h>
+
+#include <fstream>
+#include <iterator>
+#include <sstream>
+
+namespace zpregmon {
+namespace {
+
+class OneImage final : public ProcessImages {
+public:
+    const std::u16string* Find(std::uint32_t) const override { return &image_; }
+
+private:
+    std::u16string image_ = u"\\Device\\HarddiskVolume1\\Windows\\regedit.exe";
+};
+
+std::string Print(const NamedFormat& named) {
+    const OneImage images;
+    FormatSettings settings;
+    settings.images = &images;
+    const auto format = named.make(settings);
+    TextBuffer out;
+    format->AppendHeading(out);
+    const std::vector<std::byte> image = EveryKind();
+    RecordDecoder decoder(image);
+    for (Event event; decoder.Next(event);) {
+        format->Append(event, out);
+    }
+    EXPECT_FALSE(decoder.Error());
+    return fmt::to_string(out);
+}
+
+std::vector<std::string> Lines(const std::string& text) {
+    std::istringstream stream(text);
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(stream, line);) {
+        lines.push_back(line);
+    }
+    return lines;
+}
+
+/// The block of the document that is fenced with the format's name.
+std::string StoredExample(std::string_view format) {
+    std::ifstream file("docs/formats.md", std::ios::binary);
+    const std::string text{std::istreambuf_iterator<char>(file), {}};
+    const std::string fence = fmt::format("```{}\n", format);
+    const std::size_t start = text.find(fence);
+    if (start == std::string::npos) {
+        return {};
+    }
+    const std::size_t end = text.find("```\n", start + fence.size());
+    return text.substr(start + fence.size(), end - start - fence.size());
+}
+
+TEST(FormatExamples, AreWhatEachFormatPrints) {
+    for (const NamedFormat& format : Formats()) {
+        EXPECT_EQ(Print(format), StoredExample(format.name)) << format.name;
+    }
+}
+
+using simdjson::dom::element;
+
+std::string_view Text(element object, const char* pointer) {
+    return object.at_pointer(pointer).get_string();
+}
+
+/// What the formats write is JSON for another parser, too, and says what the records say.
+TEST(FormatExamples, AreSoundJson) {
+    simdjson::dom::parser parser;
+    const auto jsonl = Lines(Print(*FindFormat("jsonl")));
+    ASSERT_EQ(jsonl.size(), 24U);
+    for (const std::string& line : jsonl) {
+        const element event = parser.parse(line);
+        EXPECT_EQ(Text(event, "/key"),
+                  "\\REGISTRY\\MACHINE\\SYSTEM\\ControlSet001\\Services\\Dhcp");
+        EXPECT_EQ(event["pid"].get_uint64().value(), 32U);
+        EXPECT_EQ(Text(event, "/operations/1"), "CreateKeyEx");
+    }
+    EXPECT_EQ(Text(parser.parse(jsonl[0]), "/previous/data"), "03000000");
+    EXPECT_TRUE(parser.parse(jsonl[7]).at_pointer("/values/2/value").value().is_null());
+    EXPECT_EQ(Text(parser.parse(jsonl[22]), "/owner/new"), "S-1-5-19");
+
+    // One line for every value that was queried: two more than events.
+    const auto ocsf = Lines(Print(*FindFormat("ocsf")));
+    ASSERT_EQ(ocsf.size(), 26U);
+    for (const std::string& line : ocsf) {
+        const element event = parser.parse(line);
+        const std::uint64_t classId = event["class_uid"].get_uint64();
+        const std::uint64_t activity = event["activity_id"].get_uint64();
+        EXPECT_TRUE(classId == 201001 || classId == 201002);
+        EXPECT_EQ(event["type_uid"].get_uint64().value(), classId * 100 + activity);
+        EXPECT_EQ(event["time"].get_int64().value(), 1795376571123);
+        for (const char* required :
+             {"category_uid", "metadata", "severity_id", "actor", "device"}) {
+            EXPECT_FALSE(event[required].error()) << required;
+        }
+        EXPECT_FALSE(event[classId == 201001 ? "reg_key" : "reg_value"].error());
+    }
+    EXPECT_EQ(Text(parser.parse(ocsf[2]), "/reg_value/data/0"), "a\"");
+
+    const auto sysmon = Lines(Print(*FindFormat("sysmon")));
+    ASSERT_EQ(sysmon.size(), 8U);
+    EXPECT_EQ(Text(parser.parse(sysmon[0]), "/Details"), "DWORD (0x00000002)");
+    EXPECT_EQ(Text(parser.parse(sysmon[5]), "/NewName"),
+              "HKLM\\SYSTEM\\CurrentControlSet\\Services\\Dhcp2");
+}
+
+/// The table on terminals of several widths: never wider, columns in line, roots and ends visible.
+TEST(Table, FitsTheTerminal) {
+    for (const std::size_t columns : {80U, 100U, 132U, 200U}) {
+        FormatSettings settings;
+        settings.columns = columns;
+        const auto format = MakeTableFormat(settings);
+        TextBuffer out;
+        const std::vector<std::byte> image = EveryKind();
+        RecordDecoder decoder(image);
+        for (Event event; decoder.Next(event);) {
+            format->Append(event, out);
+        }
+        for (const std::string& line : Lines(fmt::to_string(out))) {
+            const auto isStart = [](char c) {
+                return (static_cast<unsigned char>(c) & 0xC0) != 0x80;
+            };
+            EXPECT_LE(static_cast<std::size_t>(std::count_if(line.begin(), line.end(), isStart)),
+                      columns)
+                << line;
+            EXPECT_NE(line.find("Dhcp"), std::string::npos) << line;
+        }
+    }
+}
+
+TEST(Table, ColoursOperationsOnlyWhenTold) {
+    const auto chain = RecordChain(u"x").Add(zpregflt::RecordType::kKeyDeleted);
+    for (const bool colour : {false, true}) {
+        FormatSettings settings;
+        settings.colour = colour;
+        RecordDecoder decoder(chain.Bytes());
+        Event event;
+        ASSERT_TRUE(decoder.Next(event));
+        TextBuffer out;
+        MakeTableFormat(settings)->Append(event, out);
+        EXPECT_EQ(fmt::to_string(out).find("\x1b[31mkey-deleted\x1b[0m") != std::string::npos,
+                  colour);
+    }
+}
+
+}  // namespace
+}  // namespace zpregmon
