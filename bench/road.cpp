@@ -5,6 +5,7 @@
 #include "records/record_format.h"
 #include "zpregmon/replay/drivers.h"
 
+#include <mutex>
 #include <stdexcept>
 
 namespace zpregflt_bench {
@@ -22,9 +23,16 @@ void Require(NTSTATUS status, const char* what) {
 
 }  // namespace
 
+std::unique_ptr<Road> Road::instance;
+
 Road& Road::Instance() {
-    static Road road;
-    return road;
+    static std::once_flag once;
+    std::call_once(once, [] { instance.reset(new Road); });
+    return *instance;
+}
+
+void Road::TakeDown() {
+    instance.reset();
 }
 
 Road::Road() {
@@ -32,10 +40,12 @@ Road::Road() {
     machine_.SetRegistryStrings(platform::ServiceKeyPath(u"zpklib"), u"TrustedImages",
                                 {kClientImage});
     const std::u16string parameters = platform::ServiceKeyPath(u"zpregflt") + u"\\Parameters";
-    // Deletion, setting of values and the flush that stands for every small record; not the
-    // enumeration of keys, so that there is something to filter out.
+    // Deletion, setting of values, the flush that stands for every small record, and what is
+    // measured by itself; not the setting of information, so that there is something to filter out.
     machine_.SetRegistryDword(parameters + u"\\Report", u"Operations",
-                              zpregflt::operation::kFlushKey);
+                              zpregflt::operation::kFlushKey | zpregflt::operation::kQueryValueKey |
+                                  zpregflt::operation::kEnumerateKey |
+                                  zpregflt::operation::kSetKeySecurity);
     Require(machine_.LoadDriver(zpregmon::SupportLibraryImage()), "zpklib does not load");
     Require(machine_.LoadDriver(zpregmon::RegistryMonitorImage()), "zpregflt does not load");
     client_ = machine_.StartProcess({.imagePath = kClientImage});
@@ -57,9 +67,9 @@ Road::~Road() {
     machine_.UnloadDriver(u"zpklib");
 }
 
-OpenKey::OpenKey(std::u16string_view keyName) {
-    std::u16string text = std::u16string(kMeasuredKeys) + u"\\" + std::u16string(keyName);
-    UNICODE_STRING name = platform::Describe(text);
+OpenKey::OpenKey(std::u16string_view keyName)
+    : path_(std::u16string(kMeasuredKeys) + u"\\" + std::u16string(keyName)) {
+    UNICODE_STRING name = platform::Describe(path_);
     OBJECT_ATTRIBUTES attributes;
     InitializeObjectAttributes(&attributes, &name, OBJ_CASE_INSENSITIVE, nullptr, nullptr);
     Require(NtCreateKey(&handle_, KEY_ALL_ACCESS, &attributes, 0, nullptr, 0, nullptr),

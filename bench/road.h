@@ -17,8 +17,12 @@ namespace zpregflt_bench {
 /// Boots once for the whole program; the verifier is off.
 class Road {
 public:
+    /// Boots the first time.
     static Road& Instance();
+    /// At the end of the program's main.
+    static void TakeDown();
 
+    platform::Machine& Machine() { return machine_; }
     platform::Process& MonitoredProcess() { return *monitored_; }
 
     Road(const Road&) = delete;
@@ -27,6 +31,7 @@ public:
 
 private:
     Road();
+    static std::unique_ptr<Road> instance;
 
     platform::Machine machine_;
     platform::ObjectRef<platform::Process> client_;
@@ -45,12 +50,14 @@ public:
     OpenKey(const OpenKey&) = delete;
     OpenKey& operator=(const OpenKey&) = delete;
 
+    const std::u16string& Path() const { return path_; }
     PVOID Object() const { return object_; }
     PVOID Context() const { return context_; }
     /// Notifies the driver of a finished operation of this class.
     void Notify(REG_NOTIFY_CLASS notifyClass);
 
 private:
+    std::u16string path_;
     HANDLE handle_ = nullptr;
     PVOID object_ = nullptr;
     PVOID context_ = nullptr;
