@@ -31,7 +31,7 @@ bool ReadString(PCUNICODE_STRING from, UNICODE_STRING& text);
 /// Reads one value; false when that faults.
 template <typename T>
 bool ReadCaller(const T* from, T& value) {
-    return CopyFromCaller(&value, from, sizeof(T));
+    return CopyFromCaller(&value, from, sizeof(value));
 }
 
 }  // namespace zpregflt

@@ -78,8 +78,9 @@ void AddReplayOptions(CLI::App& command, ReplayArguments& arguments) {
     command.add_option("workload", arguments.workload, "Recorded workload; - is standard input")
         ->required();
     AddEventOutputOptions(command, arguments.output);
-    auto* const check =
-        command.add_flag("--check", options.check, "Compare every result with the recorded one");
+    auto* const check = command.add_flag("--check", options.check,
+                                         "Compare every result with the recorded one, and every "
+                                         "record of a query with what was answered");
     command
         .add_flag("--parallel", options.parallel,
                   "Give every recorded process a thread of its own; results then depend on how the "
@@ -104,6 +105,8 @@ void AddReplayOptions(CLI::App& command, ReplayArguments& arguments) {
     command.add_option("--dump-file", options.dumpFile,
                        "Shut the machine down at the end: the driver then writes the buffers in "
                        "use to this file");
+    command.add_flag("--stats", options.statistics,
+                     "Print the counters that the driver writes into its trace at the end");
     command.add_option("--buffers", options.session.buffers, "Buffers lent to the driver")
         ->check(CLI::Range(std::size_t{1}, PlatformDevice::kMostBuffers))
         ->capture_default_str();
@@ -162,8 +165,8 @@ int Replay(ReplayArguments& arguments) {
         return kWell;  // who closes the pipe has seen enough
     }
     fmt::print(stderr, "{}", DescribeReplay(result, arguments.workload, arguments.options.check));
-    const bool agrees = result.replay.check.disagreements == 0;
-    return state == OutputState::kOpen && agrees && !result.LostEvents() ? kWell : kFault;
+    const bool isWell = state == OutputState::kOpen && !result.Disagrees() && !result.LostEvents();
+    return isWell ? kWell : kFault;
 }
 
 }  // namespace

@@ -118,10 +118,13 @@ TEST(Program, PrintsEventsAndASummary) {
     EXPECT_NE(events.output.find("\"key\":\"\\\\Registry\\\\Machine\\\\New\"}\n"),
               std::string::npos);
     const Finished summary =
-        Complaints("replay " + workload.Path() + " --operations CreateKeyEx --check");
+        Complaints("replay " + workload.Path() + " --operations CreateKeyEx --check --stats");
     EXPECT_EQ(summary.status, 0);
-    for (const char* line : {"operations replayed", "notifications", "key-created",
-                             "buffers delivered", "reservations failed", "disagreements"}) {
+    for (const char* line :
+         {"operations replayed", "notifications", "key-created", "buffers delivered",
+          "reservations failed", "disagreements",
+          "RegNtPostCreateKeyEx                           1           1           0           0\n",
+          "Reservations                                Boot      Normal    Shutdown\n"}) {
         EXPECT_NE(summary.output.find(line), std::string::npos) << line << '\n' << summary.output;
     }
 }

@@ -1,6 +1,7 @@
 #include "zpregmon/replay/monitored_replay.h"
 
 #include "client/record_decoder.h"
+#include "zpregmon/replay/driver_statistics.h"
 #include "zpregmon/replay/monitored_machine.h"
 #include "zpregmon/replay/platform_device.h"
 
@@ -56,6 +57,11 @@ ReplayResult Replay(platform::Machine& machine, const Workload& workload,
                             : ReplayInOrder(machine, workload, options.check, control);
 }
 
+/// The operations that each process records. Queries of an exempt process leave nothing to compare.
+zpregflt::OperationMask RecordedQueries(const MonitoredReplayOptions& options) {
+    return options.exemptImages.empty() ? options.operations.value_or(0) : 0;
+}
+
 /// Everything that happens while the control device is open.
 void RunSession(MonitoredMachine& machine, const Workload& workload,
                 const MonitoredReplayOptions& options, const EventReceiver& receive,
@@ -63,18 +69,32 @@ void RunSession(MonitoredMachine& machine, const Workload& workload,
     PlatformDevice device(machine.Client());
     ControlSession session(device);
     ApplySettings(options, session);
-    session.Start(options.session,
-                  [&](std::span<const std::byte> image) { WalkBuffer(image, receive, result); });
+    AnswerLedger ledger(RecordedQueries(options));
+    const EventReceiver receiveChecked = [&](const Event& event) {
+        ledger.Compare(event);
+        receive(event);
+    };
+    session.Start(options.session, [&](std::span<const std::byte> image) {
+        WalkBuffer(image, options.check ? receiveChecked : receive, result);
+    });
     const std::size_t reserve = std::max<std::size_t>(1, options.session.buffers / kReservedPart);
     control.pace = [&] { session.WaitUntilLent(reserve); };
+    if (options.check) {
+        control.answered = [&](const Record& record, const Outcome& outcome) {
+            ledger.Enter(record, outcome);
+        };
+    }
     const auto start = std::chrono::steady_clock::now();
     result.replay = Replay(machine.Machine(), workload, options, control);
     result.elapsed = std::chrono::steady_clock::now() - start;
     control.pace = nullptr;
+    control.answered = nullptr;
+    ledger.Close();
     if (!options.dumpFile.empty()) {
         machine.Machine().NotifyShutdown();
     }
     result.session = session.Finish();
+    result.answers = ledger.Finish();
 }
 
 }  // namespace
@@ -91,6 +111,9 @@ MonitoredReplayResult RunMonitoredReplay(const Workload& workload,
     MonitoredReplayResult result;
     RunSession(machine, workload, options, receive, control, result);
     result.driver = ReadDriverCounters() - before;
+    if (options.statistics) {
+        result.statistics = TraceDriverStatistics();
+    }
     machine.TakeDown();
     return result;
 }

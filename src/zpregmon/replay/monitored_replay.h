@@ -4,6 +4,7 @@
 
 #include "client/control_session.h"
 #include "client/event.h"
+#include "zpregmon/replay/answer_ledger.h"
 #include "zpregmon/replay/driver_counters.h"
 #include "zpregmon/replay/replayer.h"
 #include "zpregmon/replay/workload.h"
@@ -20,7 +21,11 @@ namespace zpregmon {
 
 struct MonitoredReplayOptions {
     bool parallel = false;
-    bool check = false;  ///< not together with `parallel`
+    /// Compare results with the recorded ones, and records of queries with what was answered; not
+    /// together with `parallel`.
+    bool check = false;
+    /// Have the driver write its statistics at the end.
+    bool statistics = false;
     /// Settings of the driver; what is absent stays as the driver has it by itself.
     std::optional<zpregflt::OperationMask> operations;
     std::optional<std::uint32_t> captureMaxSize;
@@ -38,10 +43,14 @@ struct MonitoredReplayResult {
     SessionStatistics session;
     std::uint64_t events = 0;
     std::array<std::uint64_t, zpregflt::kLastRecordType + 1> eventsByType{};
+    LedgerResult answers;    ///< of a checked replay whose settings have queries recorded
+    std::string statistics;  ///< if they were asked for
     std::uint64_t damagedBuffers = 0;
     std::optional<DecodeError> firstDamage;
     std::chrono::duration<double> elapsed{};  ///< of the replay alone
 
+    /// A result is not the recorded one, or a record does not hold what was answered.
+    bool Disagrees() const { return replay.check.disagreements != 0 || answers.disagreements != 0; }
     /// Something was recorded and did not arrive, or arrived damaged.
     bool LostEvents() const { return driver.reservationsFailed != 0 || damagedBuffers != 0; }
 };

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <iterator>
 #include <stdexcept>
 
 namespace zpregmon {
@@ -97,13 +98,26 @@ std::vector<Completion> PlatformDevice::WaitForCompletions() {
     }
     Wait(events);
     std::vector<Completion> completions;
-    for (const std::size_t index : indices) {
-        if (HasComeBack(*slots_[index])) {
-            completions.push_back(Collect(index));
-        }
+    for (const std::size_t index : FindComeBack(indices)) {
+        completions.push_back(Collect(index));
     }
     SortByTime(completions);
     return completions;
+}
+
+/// Looks until two looks find the same: whatever came back before one that the first of them found
+/// is found by the second, so that no later buffer is taken for an earlier one.
+std::vector<std::size_t> PlatformDevice::FindComeBack(const std::vector<std::size_t>& lent) {
+    std::vector<std::size_t> before;
+    for (;;) {
+        std::vector<std::size_t> found;
+        std::copy_if(lent.begin(), lent.end(), std::back_inserter(found),
+                     [this](std::size_t index) { return HasComeBack(*slots_[index]); });
+        if (found == before) {
+            return found;
+        }
+        before = std::move(found);
+    }
 }
 
 void PlatformDevice::Wait(std::vector<HANDLE>& anyOf) {

@@ -44,6 +44,7 @@ private:
                 ULONG options);
     static void Wait(std::vector<HANDLE>& anyOf);
     static bool HasComeBack(const Slot& slot);
+    std::vector<std::size_t> FindComeBack(const std::vector<std::size_t>& lent);
     Completion Collect(std::size_t slot);
     void SortByTime(std::vector<Completion>& completions);
 

@@ -145,6 +145,10 @@ ULONG RegistryCaller::BufferLength(const Record& record, std::size_t fixedPart) 
     return static_cast<ULONG>(std::min(length, kBufferSize));
 }
 
+std::span<const std::byte> RegistryCaller::WholeAnswer(const Outcome& outcome, ULONG length) const {
+    return {buffer_.get(), outcome.IsComplete() ? length : 0};
+}
+
 Outcome RegistryCaller::QueryValue(const Record& record, HANDLE key) {
     constexpr auto kClass = KeyValuePartialInformation;
     UNICODE_STRING name = Describe(record.name);
@@ -154,6 +158,7 @@ Outcome RegistryCaller::QueryValue(const Record& record, HANDLE key) {
                                      BufferLength(record, FixedPart(kClass)), &needed);
     if (outcome.HasAnswer()) {
         outcome.answer = ReadValueAnswer(kClass, buffer_.get(), outcome.IsComplete());
+        outcome.bytes = WholeAnswer(outcome, needed);
     }
     return outcome;
 }
@@ -167,6 +172,7 @@ Outcome RegistryCaller::EnumerateValue(const Record& record, HANDLE key) {
                             BufferLength(record, FixedPart(informationClass)), &needed);
     if (outcome.HasAnswer()) {
         outcome.answer = ReadValueAnswer(informationClass, buffer_.get(), outcome.IsComplete());
+        outcome.bytes = WholeAnswer(outcome, needed);
     }
     return outcome;
 }
@@ -183,6 +189,7 @@ Outcome RegistryCaller::QueryKey(const Record& record, HANDLE key) {
             : NtQueryKey(key, informationClass, buffer_.get(), length, &needed);
     if (outcome.HasAnswer()) {
         outcome.answer = ReadKeyAnswer(informationClass, buffer_.get(), outcome.IsComplete());
+        outcome.bytes = WholeAnswer(outcome, needed);
     }
     return outcome;
 }

@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <memory>
+#include <span>
 
 namespace zpregmon {
 
@@ -14,6 +15,8 @@ struct Outcome {
     NTSTATUS status = STATUS_SUCCESS;
     std::uint32_t disposition = 0;
     Answer answer;
+    /// A whole answer as it came, valid as its text is.
+    std::span<const std::byte> bytes;
     /// A query's answer was given in whole or, with STATUS_BUFFER_OVERFLOW, in part.
     bool HasAnswer() const { return status == STATUS_SUCCESS || status == STATUS_BUFFER_OVERFLOW; }
     /// The whole answer fitted.
@@ -40,6 +43,7 @@ private:
     Outcome QueryValue(const Record& record, HANDLE key);
     Outcome EnumerateValue(const Record& record, HANDLE key);
     Outcome QueryKey(const Record& record, HANDLE key);
+    std::span<const std::byte> WholeAnswer(const Outcome& outcome, ULONG length) const;
     ULONG BufferLength(const Record& record, std::size_t fixedPart) const;
 
     std::unique_ptr<std::byte[]> buffer_;

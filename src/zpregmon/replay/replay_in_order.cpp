@@ -67,6 +67,9 @@ private:
                                             *processes_.at(record.toPid))
                 : caller_.Call(record, process);
         ++result_.operations;
+        if (control_.answered) {
+            control_.answered(record, outcome);
+        }
         if (check_) {
             checker_.Check(record, outcome);
         }

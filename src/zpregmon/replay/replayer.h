@@ -20,6 +20,8 @@ struct ReplayControl {
     std::atomic<bool> stop{false};
     /// Called every now and then by each thread that replays, before it goes on; it may wait.
     std::function<void()> pace;
+    /// Sees each call's outcome in a replay in order.
+    std::function<void(const Record&, const Outcome&)> answered;
 };
 
 struct ReplayResult {

@@ -59,6 +59,12 @@ void DescribeDelivery(const MonitoredReplayResult& result, Lines& lines) {
     }
 }
 
+void DescribeRest(std::uint64_t all, std::size_t listed, Lines& lines) {
+    if (all > listed) {
+        lines = fmt::format_to(lines, "and {} more\n", all - listed);
+    }
+}
+
 void DescribeCheck(const CheckResult& check, const std::string& path, Lines& lines) {
     AddCount(lines, "results compared", check.compared);
     for (std::size_t i = 0; i < kDifferenceCount; ++i) {
@@ -78,9 +84,20 @@ void DescribeCheck(const CheckResult& check, const std::string& path, Lines& lin
         lines = fmt::format_to(lines, "{}:{}: {}: {}\n", path, disagreement.line,
                                OpName(disagreement.op), disagreement.what);
     }
-    if (check.disagreements > check.first.size()) {
-        lines = fmt::format_to(lines, "and {} more\n", check.disagreements - check.first.size());
+    DescribeRest(check.disagreements, check.first.size(), lines);
+}
+
+/// Whether records of queries hold what was answered.
+void DescribeAnswers(const LedgerResult& answers, const std::string& path, Lines& lines) {
+    if (answers.compared == 0 && answers.disagreements == 0) {
+        return;
     }
+    AddCount(lines, "answers compared", answers.compared);
+    AddCount(lines, "answers that differ", answers.disagreements);
+    for (const std::string& what : answers.first) {
+        lines = fmt::format_to(lines, "{}: {}\n", path, what);
+    }
+    DescribeRest(answers.disagreements, answers.first.size(), lines);
 }
 
 }  // namespace
@@ -97,7 +114,9 @@ std::string DescribeReplay(const MonitoredReplayResult& result, const std::strin
     DescribeDelivery(result, lines);
     if (checked) {
         DescribeCheck(result.replay.check, workloadPath, lines);
+        DescribeAnswers(result.answers, workloadPath, lines);
     }
+    text += result.statistics;
     AddCount(lines, "elapsed", fmt::format("{:.3f} s", result.elapsed.count()));
     return text;
 }
