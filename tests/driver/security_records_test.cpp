@@ -136,6 +136,7 @@ TEST(SecurityChangeTest, DamagedLists) {
         reinterpret_cast<ACE_HEADER*>(acl + 1)->AceSize = size;
         EXPECT_EQ(Changed(good, bad, 0), kDacl) << size;
         EXPECT_EQ(Changed(bad, good, 0), kDacl) << size;
+        EXPECT_EQ(Changed(bad, bad, 0), kDacl) << size;
     }
 }
 
@@ -266,16 +267,18 @@ TEST_F(SecurityRecordsTest, RoadsWithoutARecord) {
         REG_SET_KEY_SECURITY_INFORMATION request = {};
         request.SecurityInformation = &requested;
         notifier.Before(RegNtPreSetKeySecurity, request);
-        EXPECT_NE(request.CallContext, nullptr);
         EXPECT_EQ(reinterpret_cast<ULONG_PTR>(request.CallContext) & 1, 1u);
+        Set(key, kDacl, two);  // by somebody else, between the notifications
         EXPECT_FALSE(notifier.After(RegNtPostSetKeySecurity, request, STATUS_ACCESS_DENIED));
         request.CallContext = nullptr;
         EXPECT_FALSE(notifier.After(RegNtPostSetKeySecurity, request));
+        // What was requested cannot be read: the lists are compared all the same.
         notifier.Before(RegNtPreSetKeySecurity, request);
-        request.SecurityInformation = nullptr;  // not to be read: only the lists are compared
-        EXPECT_FALSE(notifier.After(RegNtPostSetKeySecurity, request));
+        Set(key, kDacl, one);
+        request.SecurityInformation = nullptr;
+        EXPECT_TRUE(notifier.After(RegNtPostSetKeySecurity, request));
     });
-    EXPECT_EQ(records.size(), 1u);
+    EXPECT_EQ(records.size(), 4u);
     // No room.
     const SecurityBytes most = platform::MakeAcl({Ace('x', 0xFFF0)});
     EXPECT_TRUE(Recorded({RecordType::kKeySecuritySet}, [&](HANDLE key) {

@@ -3,6 +3,9 @@
 
 #include "platform/kernel/key_security.h"
 
+#include <atomic>
+#include <thread>
+
 namespace platform {
 namespace {
 
@@ -212,6 +215,42 @@ TEST_F(HiveFileTest, FilesTakeAPrivilegeThatUsersLack) {
         }
     }
     machine_.ExitProcess(*user);
+}
+
+TEST_F(HiveFileTest, FilesAreWrittenAndReadWhileKeysChange) {
+    constexpr const char16_t* kHive = u"\\Registry\\Machine\\Hive";
+    ASSERT_EQ(Load(kHive, "hive"), STATUS_SUCCESS);
+    KeyHandle hive = OpenKeyOf(kHive).key;
+    ASSERT_EQ(NtSaveKey(hive, OpenFile("empty")), STATUS_SUCCESS);
+    std::atomic<bool> stop{false};
+    std::vector<std::thread> threads;
+    for (const char16_t* name : {u"A", u"B"}) {
+        threads.emplace_back([&, name] {
+            while (!stop) {
+                // Restoring takes the key away now and then, at any of these steps.
+                const KeyHandle key = CreateKeyOf(name, {.root = hive}).key;
+                const KeyHandle sub = CreateKeyOf(u"Sub", {.root = key}).key;
+                char security[256];
+                ULONG length = 0;
+                SetValue(sub, u"V", REG_SZ, "x");
+                NtQuerySecurityObject(sub, DACL_SECURITY_INFORMATION, security, 256, &length);
+                NtFlushKey(sub);
+                NtDeleteKey(sub);
+            }
+        });
+    }
+    for (int round = 0; round < 200; ++round) {
+        EXPECT_EQ(NtSaveKey(hive, OpenFile("saved")), STATUS_SUCCESS);
+        EXPECT_EQ(
+            NtRestoreKey(hive, OpenFile(round % 2 == 0 ? "saved" : "empty"), REG_FORCE_RESTORE),
+            STATUS_SUCCESS);
+        EXPECT_EQ(Unload(kHive), STATUS_CANNOT_DELETE);
+    }
+    stop = true;
+    for (std::thread& thread : threads)
+        thread.join();
+    hive.Close();
+    EXPECT_EQ(Unload(kHive), STATUS_SUCCESS);
 }
 
 }  // namespace
