@@ -31,7 +31,8 @@ bool ReadString(PCUNICODE_STRING from, UNICODE_STRING& text);
 /// Reads one value; false when that faults.
 template <typename T>
 bool ReadCaller(const T* from, T& value) {
-    return CopyFromCaller(&value, from, sizeof(value));
+    // NOLINTNEXTLINE(bugprone-sizeof-expression): the value may be a pointer
+    return CopyFromCaller(&value, from, sizeof(T));
 }
 
 }  // namespace zpregflt
