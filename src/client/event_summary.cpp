@@ -52,7 +52,10 @@ void AddCount(std::string_view what, std::uint64_t count, std::string& text) {
 void EventSummary::Add(const Event& event) {
     ++events_;
     ++kinds_[static_cast<std::size_t>(event.type)];
-    ++processes_[event.processId];
+    Counted& process = processes_[event.processId];
+    if (process.count++ == 0) {
+        process.text = fmt::format("process {}", event.processId);
+    }
     times_.Add(event.systemTime);
     if (event.key) {
         const std::u16string_view subtree = Subtree(*event.key, settings_.depth);
@@ -88,7 +91,7 @@ std::string EventSummary::Describe() const {
         return text;
     }
     DescribeKinds(text);
-    DescribeProcesses(text);
+    DescribeCounts("PROCESSES", processes_, text);
     DescribeCounts("KEYS BELOW", subtrees_, text);
     DescribeCounts("MOST CHANGED VALUES", changes_, text);
     AddHeading("EVENTS OVER TIME (UTC)", text);
@@ -111,32 +114,18 @@ void EventSummary::DescribeKinds(std::string& text) const {
     }
 }
 
-void EventSummary::DescribeProcesses(std::string& text) const {
-    std::vector<Counted> counts;
-    for (const auto& [process, count] : processes_) {
-        counts.push_back({fmt::format("process {}", process), count});
-    }
-    std::vector<const Counted*> pointers;
-    for (const Counted& counted : counts) {
-        pointers.push_back(&counted);
-    }
-    DescribeTop("PROCESSES", std::move(pointers), text);
-}
-
-void EventSummary::DescribeCounts(std::string_view heading, const Counts& counts,
+template <typename Counts>
+void EventSummary::DescribeCounts(std::string_view heading, const Counts& counted,
                                   std::string& text) const {
-    std::vector<const Counted*> pointers;
-    for (const auto& [id, counted] : counts) {
-        pointers.push_back(&counted);
+    if (counted.empty()) {
+        return;
     }
-    if (!pointers.empty()) {
-        DescribeTop(heading, std::move(pointers), text);
-    }
-}
-
-void EventSummary::DescribeTop(std::string_view heading, std::vector<const Counted*> counts,
-                               std::string& text) const {
     AddHeading(heading, text);
+    std::vector<const Counted*> counts;
+    counts.reserve(counted.size());
+    for (const auto& [id, one] : counted) {
+        counts.push_back(&one);
+    }
     std::sort(counts.begin(), counts.end(), [](const Counted* a, const Counted* b) {
         return a->count != b->count ? a->count > b->count : a->text < b->text;
     });

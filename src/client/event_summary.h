@@ -10,7 +10,6 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
-#include <vector>
 
 namespace zpregmon {
 
@@ -36,22 +35,19 @@ private:
         std::string text;
         std::uint64_t count = 0;
     };
-    using Counts = std::unordered_map<std::u16string, Counted>;
 
     void AddChange(const Event& event);
-    /// The longest counts first.
-    void DescribeTop(std::string_view heading, std::vector<const Counted*> counts,
-                     std::string& text) const;
     void DescribeKinds(std::string& text) const;
-    void DescribeProcesses(std::string& text) const;
-    void DescribeCounts(std::string_view heading, const Counts& counts, std::string& text) const;
+    /// The highest counts first.
+    template <typename Counts>
+    void DescribeCounts(std::string_view heading, const Counts& counted, std::string& text) const;
 
     SummarySettings settings_;
     std::uint64_t events_ = 0;
     std::array<std::uint64_t, zpregflt::kLastRecordType + 1> kinds_{};
-    std::unordered_map<std::uint32_t, std::uint64_t> processes_;
-    Counts subtrees_;
-    Counts changes_;
+    std::unordered_map<std::uint32_t, Counted> processes_;
+    std::unordered_map<std::u16string, Counted> subtrees_;
+    std::unordered_map<std::u16string, Counted> changes_;
     TimeHistogram times_;
 };
 

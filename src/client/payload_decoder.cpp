@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <array>
 #include <cstring>
 
 namespace zpregmon {
@@ -10,7 +11,6 @@ using zpregflt::FileRecord;
 using zpregflt::InformationRecord;
 using zpregflt::KeySecuritySetRecord;
 using zpregflt::NameRecord;
-using zpregflt::RecordType;
 using zpregflt::SecuritySection;
 using zpregflt::TwoNamesRecord;
 using zpregflt::ValueEnumeratedRecord;
@@ -296,6 +296,47 @@ bool Decode(const RecordReader& reader, KeySecuritySet& set) {
                          set.sacl);
 }
 
+using Decoder = bool (*)(Bytes image, std::size_t record, Payload& payload,
+                         std::optional<DecodeError>& error);
+
+template <typename Kind>
+bool DecodeAs(Bytes image, std::size_t record, Payload& payload,
+              std::optional<DecodeError>& error) {
+    const RecordReader reader{image.data() + record, image.size() - record, record, error};
+    return Decode(reader, payload.emplace<Kind>());
+}
+
+bool DecodeNothing(Bytes, std::size_t, Payload& payload, std::optional<DecodeError>&) {
+    payload.emplace<std::monostate>();
+    return true;
+}
+
+/// By record type.
+constexpr std::array<Decoder, zpregflt::kLastRecordType + 1> kDecoders = {
+    DecodeNothing,  // the buffer header, which is no record
+    DecodeAs<ValueSet>,
+    DecodeAs<ValueDeleted>,
+    DecodeAs<KeyInformation>,  // set
+    DecodeAs<KeyRenamed>,
+    DecodeAs<KeyInformation>,  // of an enumerated subkey
+    DecodeAs<ValueEnumerated>,
+    DecodeAs<KeyInformation>,  // queried
+    DecodeAs<ValueQueried>,
+    DecodeAs<ValuesQueried>,
+    DecodeAs<HiveLoaded>,
+    DecodeAs<FileOperation>,  // save
+    DecodeAs<KeySecuritySet>,
+    DecodeAs<KeySecurityQueried>,
+    DecodeAs<FileOperation>,  // restore
+    DecodeAs<KeyReplaced>,
+    DecodeNothing,  // flushed
+    DecodeNothing,  // hive unloaded
+    DecodeNothing,  // handle closed
+    DecodeNothing,  // deleted
+    DecodeNothing,  // name queried
+    DecodeNothing,  // created
+};
+
 }  // namespace
 
 QueriedValue ValuesQueried::operator[](std::uint32_t index) const {
@@ -320,46 +361,7 @@ QueriedValue ValuesQueried::operator[](std::uint32_t index) const {
 
 bool DecodePayload(Bytes image, std::size_t record, Event& event,
                    std::optional<DecodeError>& error) {
-    const RecordReader reader{image.data() + record, image.size() - record, record, error};
-    Payload& payload = event.payload;
-    switch (event.type) {
-        case RecordType::kValueSet:
-            return Decode(reader, payload.emplace<ValueSet>());
-        case RecordType::kValueDeleted:
-            return Decode(reader, payload.emplace<ValueDeleted>());
-        case RecordType::kKeyInformationSet:
-        case RecordType::kSubkeyEnumerated:
-        case RecordType::kKeyQueried:
-            return Decode(reader, payload.emplace<KeyInformation>());
-        case RecordType::kKeyRenamed:
-            return Decode(reader, payload.emplace<KeyRenamed>());
-        case RecordType::kValueEnumerated:
-            return Decode(reader, payload.emplace<ValueEnumerated>());
-        case RecordType::kValueQueried:
-            return Decode(reader, payload.emplace<ValueQueried>());
-        case RecordType::kValuesQueried:
-            return Decode(reader, payload.emplace<ValuesQueried>());
-        case RecordType::kHiveLoaded:
-            return Decode(reader, payload.emplace<HiveLoaded>());
-        case RecordType::kKeySaved:
-        case RecordType::kKeyRestored:
-            return Decode(reader, payload.emplace<FileOperation>());
-        case RecordType::kKeySecuritySet:
-            return Decode(reader, payload.emplace<KeySecuritySet>());
-        case RecordType::kKeySecurityQueried:
-            return Decode(reader, payload.emplace<KeySecurityQueried>());
-        case RecordType::kKeyReplaced:
-            return Decode(reader, payload.emplace<KeyReplaced>());
-        case RecordType::kBufferHeader:
-        case RecordType::kKeyFlushed:
-        case RecordType::kHiveUnloaded:
-        case RecordType::kKeyHandleClosed:
-        case RecordType::kKeyDeleted:
-        case RecordType::kKeyNameQueried:
-        case RecordType::kKeyCreated:
-            payload.emplace<std::monostate>();
-    }
-    return true;
+    return kDecoders[static_cast<std::size_t>(event.type)](image, record, event.payload, error);
 }
 
 }  // namespace zpregmon

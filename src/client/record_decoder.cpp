@@ -110,12 +110,9 @@ bool RecordDecoder::Next(Event& event) {
     } else if (!ReadName(place, name, event)) {
         return false;
     }
-    if (!DecodePayload(image_, place, event, error_)) {
-        return false;
-    }
     place_ = place;
     distance_ = Load<std::int32_t>(record, offsetof(RecordHeader, NextOffset));
-    return true;
+    return DecodePayload(image_, place, event, error_);  // last: after a failure nothing goes on
 }
 
 bool RecordDecoder::LookUpName(std::size_t place) {

@@ -137,18 +137,28 @@ struct ValuesLayout {
     ULONG dataLength;
 };
 
+/// Reads an entry and its name's descriptor. False when one cannot be read: it is empty then.
+bool ReadEntry(const KEY_VALUE_ENTRY* from, KEY_VALUE_ENTRY& value, UNICODE_STRING& name) {
+    name = {};
+    if (!ReadCaller(from, value)) {
+        value = {};
+        return false;
+    }
+    return ReadString(value.ValueName, name);
+}
+
 /// False when something that the sizes depend on cannot be read.
 bool LayOut(const ValuesRequest& request, ValuesLayout& layout) {
     layout.namesOffset = ULONG64{ValuesQueriedRecord::kEntriesOffset} +
                          ULONG64{request.EntryCount} * sizeof(ValuesQueriedEntry);
     layout.namesEnd = layout.namesOffset;
     for (ULONG i = 0; i < request.EntryCount; ++i) {
-        PUNICODE_STRING name = nullptr;
-        UNICODE_STRING text;
-        if (!ReadCaller(&request.ValueEntries[i].ValueName, name) || !ReadString(name, text)) {
+        KEY_VALUE_ENTRY value;
+        UNICODE_STRING name;
+        if (!ReadEntry(request.ValueEntries + i, value, name)) {
             return false;
         }
-        layout.namesEnd += text.Length + kTerminator;
+        layout.namesEnd += name.Length + kTerminator;
     }
     layout.dataOffset = RoundUpToFour(layout.namesEnd);
     return ReadCaller(request.BufferLength, layout.dataLength);
@@ -170,11 +180,9 @@ public:
           spare_(static_cast<ULONG>(layout.namesEnd - layout.namesOffset) - count * kTerminator) {}
 
     void Write(ULONG index, const KEY_VALUE_ENTRY* source) {
-        KEY_VALUE_ENTRY value = {};
-        UNICODE_STRING name = {};
-        if (ReadCaller(source, value)) {
-            ReadString(value.ValueName, name);
-        }
+        KEY_VALUE_ENTRY value;
+        UNICODE_STRING name;
+        ReadEntry(source, value, name);
         *EntryAt(index) = {value.DataLength, value.DataOffset + dataOffset_, value.Type, position_};
         WriteName(name.Length <= spare_ ? name : UNICODE_STRING{});
     }

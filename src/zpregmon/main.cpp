@@ -4,7 +4,10 @@
 
 #include <fmt/format.h>
 
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
+#include <sstream>
 
 namespace zpregmon {
 
@@ -29,7 +32,10 @@ int Run(int argc, char** argv) {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
         if (error.get_exit_code() == 0) {
-            return app.exit(error);  // --help, --version
+            std::ostringstream text;  // of --help or --version
+            const int status = app.exit(error, text);
+            fmt::print("{}", text.str());
+            return status;
         }
         fmt::print(stderr, "zpregmon: {}\n", error.what());
         return kUnusable;
@@ -41,6 +47,16 @@ int Run(int argc, char** argv) {
     return chosen();
 }
 
+/// What the command left in the buffer of standard output, help and lists among it.
+int FlushOutput(int status) {
+    errno = 0;
+    if (std::fflush(stdout) == 0 || errno == EPIPE || status != kWell) {
+        return status;
+    }
+    fmt::print(stderr, "zpregmon: standard output: cannot write: {}\n", std::strerror(errno));
+    return kFault;
+}
+
 }  // namespace
 
 }  // namespace zpregmon
@@ -48,7 +64,7 @@ int Run(int argc, char** argv) {
 int main(int argc, char** argv) {
     zpregmon::PrepareStandardStreams();
     try {
-        return zpregmon::Run(argc, argv);
+        return zpregmon::FlushOutput(zpregmon::Run(argc, argv));
     } catch (const zpregmon::UsageError& error) {
         fmt::print(stderr, "zpregmon: {}\n", error.what());
         return zpregmon::kUnusable;

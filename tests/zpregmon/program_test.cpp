@@ -180,6 +180,12 @@ TEST(Program, FullDiskIsSaidAndStatus1) {
     EXPECT_NE(finished.output.find("/dev/full: cannot write: No space left on device"),
               std::string::npos)
         << finished.output;
+    for (const char* arguments : {"formats", "--help", "--version"}) {
+        const Finished full = RunShell("'" + ProgramPath() + "' " + arguments + " 2>&1 >/dev/full");
+        EXPECT_EQ(full.status, 1) << arguments;
+        EXPECT_EQ(full.output,
+                  "zpregmon: standard output: cannot write: No space left on device\n");
+    }
 }
 
 }  // namespace

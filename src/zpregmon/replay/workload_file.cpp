@@ -54,13 +54,13 @@ void CheckEnd(gzFile file, const std::string& path, const FileText& text) {
 }  // namespace
 
 FileText ReadWholeFile(const std::string& path, std::size_t padding) {
-    constexpr unsigned kBlock = 1 << 20;
+    constexpr unsigned kBlock = 1 << 16;
     const GzFile file = Open(path);
     gzbuffer(file.get(), kBlock);
     FileText text;
     for (;;) {
         if (text.bytes.size() < text.size + kBlock) {
-            text.bytes.resize(std::max<std::size_t>(text.bytes.size() * 2, 8 * kBlock));
+            text.bytes.resize(std::max<std::size_t>(text.bytes.size() * 2, 4 * kBlock));
         }
         errno = 0;
         const int got = gzread(file.get(), text.bytes.data() + text.size, kBlock);
