@@ -150,7 +150,7 @@ TEST_P(RoadStressTest, EveryWrittenRecordArrives) {
     std::vector<std::thread> threads;
     for (Worker& worker : workers)
         threads.emplace_back([&] { worker.Run(stop); });
-    const auto end = std::chrono::steady_clock::now() + WorkTime(30);
+    const auto end = std::chrono::steady_clock::now() + WorkTime(18);
     while (std::chrono::steady_clock::now() < end) {
         if (dumpAll) machine_.NotifyShutdown();
         std::this_thread::yield();

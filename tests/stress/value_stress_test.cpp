@@ -173,7 +173,7 @@ TEST_F(ValueStressTest, EveryChangeIsRecordedOnce) {
     threads.emplace_back([&] { WorkForOthers(*processes[0], changers.back()); });
 
     LendingClient client(*client_, 16, 1);
-    const auto end = std::chrono::steady_clock::now() + WorkTime(20);
+    const auto end = std::chrono::steady_clock::now() + WorkTime(12);
     while (std::chrono::steady_clock::now() < end) {
         client.Step(false);
         client.Flush();

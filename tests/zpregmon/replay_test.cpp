@@ -191,16 +191,22 @@ TEST_P(SampleTest, ChangesWhatTheRegistryHeld) {
     EXPECT_GT(compared, 15000U);
 }
 
-INSTANTIATE_TEST_SUITE_P(All, SampleTest,
-                         testing::Values("samples/wineboot.jsonl.gz", "samples/reg-import.jsonl.gz",
-                                         "samples/parallel.jsonl.gz"),
-                         [](const auto& sample) {
-                             std::string name = sample.param;
-                             name = name.substr(name.find('/') + 1);
-                             name = name.substr(0, name.find('.'));
-                             std::erase(name, '-');
-                             return name;
-                         });
+const char* const kSamples[] = {
+    "samples/wineboot.jsonl.gz",
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+    // What differs in these is traffic, not the roads that it takes.
+    "samples/reg-import.jsonl.gz",
+    "samples/parallel.jsonl.gz",
+#endif
+};
+
+INSTANTIATE_TEST_SUITE_P(All, SampleTest, testing::ValuesIn(kSamples), [](const auto& sample) {
+    std::string name = sample.param;
+    name = name.substr(name.find('/') + 1);
+    name = name.substr(0, name.find('.'));
+    std::erase(name, '-');
+    return name;
+});
 
 TEST(Replay, InParallelLosesNothing) {
     const Workload workload = Workload::Read(kSample);
