@@ -2,6 +2,7 @@
 
 #include <lock_guards.h>
 
+#include "channel/value_capture.h"
 #include "driver/driver_state.h"
 #include "intercept/contexts.h"
 #include "intercept/references.h"
@@ -23,11 +24,6 @@ using DataBlock = PoolBlock<UCHAR, kCacheDataTag>;
 
 LIST_ENTRY& BucketOf(ValueCache& cache, const ValueCacheKey& key) {
     return cache.Buckets[reinterpret_cast<ULONG_PTR>(key.Node) >> 3 & (kCacheBucketCount - 1)];
-}
-
-ULONG CapturedSize(const DriverState& state, ULONG dataSize) {
-    const ULONG limit = ReadULongNoFence(&state.CaptureMaxSize);
-    return limit < dataSize ? limit : dataSize;
 }
 
 /// The entry that represents the key's ring in the bucket, or null.

@@ -24,6 +24,11 @@ PreviousValue ReadValue(HANDLE key, PUNICODE_STRING valueName) {
 
 }  // namespace
 
+ULONG CapturedSize(const DriverState& state, ULONG size) {
+    const ULONG limit = ReadULongNoFence(&state.CaptureMaxSize);
+    return limit < size ? limit : size;
+}
+
 PreviousValue QueryCurrentValue(PVOID keyObject, PUNICODE_STRING valueName) {
     PoolBlock<OBJECT_NAME_INFORMATION, kKeyPathTag> name;
     NTSTATUS status = QueryObjectName(keyObject, 0, name);

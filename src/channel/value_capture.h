@@ -1,4 +1,5 @@
-// What a value holds in the registry, read from inside a notification.
+// What is captured of a value: how much of its data, and what it holds in the registry, read from
+// inside a notification.
 #pragma once
 
 #include <ntifs.h>
@@ -9,6 +10,9 @@ namespace zpregflt {
 
 inline constexpr ULONG kPreviousValueTag = MakeTag("ZkPi");
 using PreviousValue = PoolBlock<KEY_VALUE_PARTIAL_INFORMATION, kPreviousValueTag>;
+
+/// How many of `size` bytes of a value's data a record or a cache entry takes.
+ULONG CapturedSize(const DriverState& state, ULONG size);
 
 /// The value's type and data as the registry holds them; null when it does not exist or cannot be
 /// read. Opens the key once more by its name, which is a registry operation of its own and comes

@@ -22,11 +22,6 @@ bool ReportsOriginal(const DriverState& state) {
     return ReadUCharNoFence(reinterpret_cast<const volatile UCHAR*>(&state.ReportOriginal)) != 0;
 }
 
-ULONG CapturedSize(const DriverState& state, ULONG size) {
-    const ULONG limit = ReadULongNoFence(&state.CaptureMaxSize);
-    return limit < size ? limit : size;
-}
-
 KeyObjectContext& ContextOf(PVOID objectContext) {
     return *static_cast<KeyObjectContext*>(objectContext);
 }

@@ -24,6 +24,13 @@ HANDLE Open(std::u16string path, ULONG disposition, ULONG options) {
 
 }  // namespace
 
+int Total(const RecordCounts& counts) {
+    int total = 0;
+    for (const auto& [id, count] : counts)
+        total += count;
+    return total;
+}
+
 LendingClient::LendingClient(platform::Process& process, std::size_t buffers, unsigned seed)
     : thread_(process),
       random_(seed),

@@ -17,6 +17,7 @@ namespace stress {
 /// What identifies a record in these tests: its type and its key's path.
 using RecordId = std::pair<std::uint32_t, std::u16string>;
 using RecordCounts = std::map<RecordId, int>;
+int Total(const RecordCounts& counts);
 
 /// Used by one host thread.
 class LendingClient {

@@ -69,13 +69,6 @@ void Add(RecordCounts& sum, const RecordCounts& counts) {
         sum[id] += count;
 }
 
-int Total(const RecordCounts& counts) {
-    int total = 0;
-    for (const auto& [id, count] : counts)
-        total += count;
-    return total;
-}
-
 RecordCounts ReadDumpFile(const std::string& path) {
     RecordCounts counts;
     std::FILE* file = std::fopen(path.c_str(), "rb");

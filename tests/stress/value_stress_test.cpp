@@ -8,7 +8,6 @@
 #include <array>
 #include <atomic>
 #include <cstdio>
-#include <numeric>
 #include <random>
 #include <thread>
 
@@ -76,11 +75,6 @@ private:
     std::atomic<int>* changes_;
     RecordCounts expected_;
 };
-
-int Total(const RecordCounts& counts) {
-    return std::accumulate(counts.begin(), counts.end(), 0,
-                           [](int sum, const auto& each) { return sum + each.second; });
-}
 
 class ValueStressTest : public StressTest {
 protected:
