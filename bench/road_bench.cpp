@@ -92,7 +92,7 @@ void BM_RecordWithPathWritten(benchmark::State& state) {
     key.Notify(RegNtPostFlushKey);
     auto& entry = *static_cast<zpregflt::KeyObjectContext*>(key.Context())->Entry();
     for (auto _ : state) {
-        entry.CachedName = nullptr;
+        entry.ForgetName();
         key.Notify(RegNtPostFlushKey);
     }
 }

@@ -85,48 +85,48 @@ void NoteClientRequest() {
 enum class Outcome { kReserved, kNoSpace, kRefused, kSealed };
 
 struct Reservation {
-    PVOID space = nullptr;
+    Outcome outcome;
     EventBuffer* buffer = nullptr;  ///< reserved in, or sealed and to be released
-    ULONG sequence = 0;
+    PVOID space = nullptr;
 };
 
-bool Fits(const EventBuffer& buffer, ULONG size) {
+bool Fits(const EventBuffer& buffer, ULONG64 size) {
     return size < static_cast<ULONG64>(buffer.base + buffer.capacity - buffer.fill);
 }
 
-void ReserveIn(EventBuffer& buffer, ULONG size, Reservation& reservation) {
-    reservation = {buffer.fill, &buffer, buffer.sequence};
+Reservation ReserveIn(EventBuffer& buffer, ULONG64 size, ULONG* sequence) {
+    const Reservation reservation = {Outcome::kReserved, &buffer, buffer.fill};
+    *sequence = buffer.sequence;
     buffer.fill += size;
     InterlockedIncrement(&buffer.refCount);
     ++buffer.reservationCount;
+    return reservation;
 }
 
 /// One look through the active buffers. The pool lock is held.
-Outcome TryReserve(ULONG size, ULONG wantedSequence, ULONG flags, Reservation& reservation) {
+Reservation TryReserve(ULONG64 size, ULONG* sequence, ULONG flags) {
     for (PLIST_ENTRY entry = Pool.ActiveList.Flink; entry != &Pool.ActiveList;
          entry = entry->Flink) {
         EventBuffer& buffer = *CONTAINING_RECORD(entry, EventBuffer, links);
         if ((flags & MEM_RESERVE_CLIENT_BUFFER) != 0 && buffer.request == nullptr) {
-            return Outcome::kRefused;
+            return {Outcome::kRefused};
         }
-        if ((flags & MEM_RESERVE_SAME_BUFFER) != 0 && buffer.sequence != wantedSequence) {
-            return Outcome::kRefused;
+        if ((flags & MEM_RESERVE_SAME_BUFFER) != 0 && buffer.sequence != *sequence) {
+            return {Outcome::kRefused};
         }
         if (Fits(buffer, size)) {
-            ReserveIn(buffer, size, reservation);
-            return Outcome::kReserved;
+            return ReserveIn(buffer, size, sequence);
         }
         if ((flags & MEM_RESERVE_SAME_BUFFER) != 0) {
-            return Outcome::kRefused;
+            return {Outcome::kRefused};
         }
         if (buffer.reservationCount != 0) {
             RemoveEntryList(&buffer.links);
             InsertTailList(&Pool.SealedList, &buffer.links);
-            reservation.buffer = &buffer;
-            return Outcome::kSealed;
+            return {Outcome::kSealed, &buffer};
         }
     }
-    return Outcome::kNoSpace;
+    return {Outcome::kNoSpace};
 }
 
 void Count(volatile LONG64 (&counters)[kPoolPhaseCount]) {
@@ -135,18 +135,16 @@ void Count(volatile LONG64 (&counters)[kPoolPhaseCount]) {
 }
 
 /// TryReserve under the pool lock, counted.
-Outcome LookForSpace(ULONG64 size, ULONG wantedSequence, ULONG flags, Reservation& reservation) {
+Reservation LookForSpace(ULONG64 size, ULONG* sequence, ULONG flags) {
     const QueuedSpinLockGuard guard(Pool.lock);
-    Outcome outcome = Outcome::kNoSpace;
-    if (size <= MAXULONG) {
-        outcome = TryReserve(static_cast<ULONG>(size), wantedSequence, flags, reservation);
-    }
-    if (outcome == Outcome::kReserved) {
+    const Reservation reservation =
+        size <= MAXULONG ? TryReserve(size, sequence, flags) : Reservation{Outcome::kNoSpace};
+    if (reservation.outcome == Outcome::kReserved) {
         Count(Pool.reserveOk);
-    } else if (outcome == Outcome::kNoSpace) {
+    } else if (reservation.outcome == Outcome::kNoSpace) {
         Count(Pool.reserveFailed);
     }
-    return outcome;
+    return reservation;
 }
 
 /// Appends a copy of the source's reservations, which lies at `copy` in the target, to the target's
@@ -271,22 +269,18 @@ PVOID MemReserve(ULONG* size, EventBuffer** buffer, ULONG* sequence, ULONG flags
     // A size within 7 of the 32-bit limit must not become a small one by rounding.
     const ULONG64 rounded = (ULONG64{*size} + 7) & ~ULONG64{7};
     *size = static_cast<ULONG>(rounded);
-    *buffer = nullptr;
     for (;;) {
-        Reservation reservation;
-        const Outcome outcome = LookForSpace(rounded, *sequence, flags, reservation);
-        if (outcome == Outcome::kSealed) {
+        const Reservation reservation = LookForSpace(rounded, sequence, flags);
+        if (reservation.outcome == Outcome::kSealed) {
             ZPRF_TRACE(TRACE_BUFFER, TRACE_LEVEL_INFORMATION, "buffer %p sealed",
                        reservation.buffer);
             MemRelease(reservation.buffer);
             continue;
         }
-        if (outcome == Outcome::kReserved) {
-            *sequence = reservation.sequence;
-            *buffer = reservation.buffer;
-        } else if (outcome == Outcome::kNoSpace) {
+        if (reservation.outcome == Outcome::kNoSpace) {
             ZPRF_TRACE(TRACE_BUFFER, TRACE_LEVEL_WARNING, "no space for %u bytes", *size);
         }
+        *buffer = reservation.buffer;
         return reservation.space;
     }
 }

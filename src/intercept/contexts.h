@@ -13,15 +13,39 @@ struct ValueCache;
 /// One for each node of the key-name tree that has been given one; shared by all key objects on
 /// that path. The support library allocates and frees the block.
 struct KeyEntry {
-    KGUARDED_MUTEX EntryLock;  ///< guards the two fields below
+    KGUARDED_MUTEX EntryLock;  ///< held to change the two fields below
     /// The key's path as last written into an event buffer, or null.
-    const WCHAR* CachedName;
+    PVOID volatile CachedName;
     /// Sequence of the buffer that holds it: the path may be referred to only from records in a
     /// buffer that still carries this number.
-    ULONG CachedNameSequence;
+    volatile LONG CachedNameSequence;
     /// Drawn when the entry is made and never changed: tells keys apart whose nodes have come to
     /// lie at one address. 0: none could be drawn.
     ULONG Identity;
+
+    /// The path, if it lies in the buffer with this sequence, on which the caller holds a
+    /// reservation; else null. With or without the lock: most records find their key's path
+    /// already written, and need not wait for each other to see that.
+    const WCHAR* NameIn(ULONG sequence) const {
+        // A name is replaced by null, then the new sequence, then the new name, and a sequence that
+        // has been left never comes back: a sealed buffer takes no more paths. So a name that is
+        // read while the sequence stays the same belongs to that sequence.
+        const void* const name = IsNameOf(sequence) ? ReadPointerAcquire(&CachedName) : nullptr;
+        return IsNameOf(sequence) ? static_cast<const WCHAR*>(name) : nullptr;
+    }
+    /// EntryLock is held.
+    void SetName(PVOID name, ULONG sequence) {
+        ForgetName();
+        WriteRelease(&CachedNameSequence, static_cast<LONG>(sequence));
+        WritePointerRelease(&CachedName, name);
+    }
+    /// EntryLock is held.
+    void ForgetName() { WritePointerRelease(&CachedName, nullptr); }
+
+private:
+    bool IsNameOf(ULONG sequence) const {
+        return static_cast<ULONG>(ReadAcquire(&CachedNameSequence)) == sequence;
+    }
 };
 static_assert(sizeof(KeyEntry) == 72);
 

@@ -26,8 +26,7 @@ KeyEntryRef NewKeyEntry(const DriverState& state) {
     KeyEntryRef entry(static_cast<KeyEntry*>(ZPkDtAllocateContext(state.KeyTree, 0)));
     if (entry) {
         KeInitializeGuardedMutex(&entry->EntryLock);
-        entry->CachedName = nullptr;
-        entry->CachedNameSequence = 0;
+        entry->SetName(nullptr, 0);
         entry->Identity = NewKeyIdentity();
     }
     return entry;

@@ -17,7 +17,7 @@ inline bool OperationTraced(OperationMask mask) {
 
 template <typename... Arguments>
 [[gnu::noinline, gnu::cold]] void EmitOperation(PVOID keyObject, const char* message,
-                                                const Arguments&... arguments) {
+                                                Arguments... arguments) {
     KeyPath path;
     if (NT_SUCCESS(BuildKeyPath(nullptr, keyObject, path))) {
         Emit(TRACE_OPERATION, TRACE_LEVEL_INFORMATION, message, PsGetCurrentProcessId(), keyObject,
@@ -31,7 +31,7 @@ template <typename... Arguments>
 /// the trace alone; without one there is no trace.
 template <typename... Arguments>
 void TraceOperation(PVOID keyObject, OperationMask mask, const char* message,
-                    const Arguments&... arguments) {
+                    Arguments... arguments) {
     if (trace_detail::OperationTraced(mask)) [[unlikely]] {
         trace_detail::EmitOperation(keyObject, message, arguments...);
     }

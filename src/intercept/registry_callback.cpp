@@ -12,10 +12,10 @@ namespace {
 /// One notification on its way through the gates.
 struct Notification {
     OperationEntry& row;
-    ULONG notifyClass;
     PVOID structure;
     DriverState* state;
 
+    ULONG Class() const { return static_cast<ULONG>(&row - OperationTable); }
     template <typename T>
     T Member(ULONG64 offset) const {
         return *reinterpret_cast<T const*>(static_cast<const UCHAR*>(structure) + offset);
@@ -30,7 +30,7 @@ bool Succeeded(const Notification& notification) {
     }
     ZPRF_TRACE_FILTERED(TRACE_DRIVER, TRACE_LEVEL_VERBOSE, notification.row.Mask,
                         "process %p: class %u %s failed, status %x", PsGetCurrentProcessId(),
-                        notification.notifyClass, notification.row.Name, post->Status);
+                        notification.Class(), notification.row.Name, post->Status);
     InterlockedIncrement64(&notification.row.Fail);
     return false;
 }
@@ -42,7 +42,7 @@ bool Watched(const Notification& notification, const KeyObjectContext& context) 
     }
     ZPRF_TRACE_FILTERED(TRACE_DRIVER, TRACE_LEVEL_VERBOSE, notification.row.Mask,
                         "process %p, key %p: class %u %s not watched, operations %x",
-                        PsGetCurrentProcessId(), notification.Object(), notification.notifyClass,
+                        PsGetCurrentProcessId(), notification.Object(), notification.Class(),
                         notification.row.Name, operations);
     InterlockedIncrement64(&notification.row.Filter);
     return false;
@@ -55,7 +55,7 @@ bool HasKeyEntry(const Notification& notification, KeyObjectContext& context) {
     }
     ZPRF_TRACE_FILTERED(TRACE_DRIVER, TRACE_LEVEL_VERBOSE, notification.row.Mask,
                         "process %p, key %p: class %u %s without key entry",
-                        PsGetCurrentProcessId(), notification.Object(), notification.notifyClass,
+                        PsGetCurrentProcessId(), notification.Object(), notification.Class(),
                         notification.row.Name);
     return false;
 }
@@ -67,8 +67,8 @@ bool PassesContextGates(const Notification& notification) {
     if (context == nullptr) {
         ZPRF_TRACE_FILTERED(TRACE_DRIVER, TRACE_LEVEL_VERBOSE, notification.row.Mask,
                             "process %p, key %p: class %u %s without key context",
-                            PsGetCurrentProcessId(), notification.Object(),
-                            notification.notifyClass, notification.row.Name);
+                            PsGetCurrentProcessId(), notification.Object(), notification.Class(),
+                            notification.row.Name);
         return false;
     }
     // Most operations repeat one that the key has seen: a look saves the locked instruction.
@@ -93,6 +93,15 @@ bool PassesGates(const Notification& notification) {
            ((flags & OP_FLAG_CONTEXT) == 0 || PassesContextGates(notification));
 }
 
+/// Apart from the callback, so that a notification that no row handles costs its count and no more.
+[[gnu::noinline]] NTSTATUS NTAPI Dispatch(OperationEntry& row, PVOID structure,
+                                          DriverState* state) {
+    if (PassesGates({row, structure, state}) && row.Handler(structure, state)) {
+        InterlockedIncrement64(&row.Log);
+    }
+    return STATUS_SUCCESS;
+}
+
 }  // namespace
 
 NTSTATUS NTAPI RegistryCallback(PVOID callbackContext, PVOID argument1, PVOID argument2) {
@@ -105,12 +114,7 @@ NTSTATUS NTAPI RegistryCallback(PVOID callbackContext, PVOID argument1, PVOID ar
     if (row.Handler == nullptr || argument2 == nullptr) {
         return STATUS_SUCCESS;
     }
-    auto* const state = static_cast<DriverState*>(callbackContext);
-    if (PassesGates({row, static_cast<ULONG>(notifyClass), argument2, state}) &&
-        row.Handler(argument2, state)) {
-        InterlockedIncrement64(&row.Log);
-    }
-    return STATUS_SUCCESS;
+    return Dispatch(row, argument2, static_cast<DriverState*>(callbackContext));
 }
 
 }  // namespace zpregflt

@@ -77,9 +77,11 @@ EVENT_DATA_DESCRIPTOR Argument(const WCHAR* const& text);
 
 void Write(ULONG flag, UCHAR level, EVENT_DATA_DESCRIPTOR* blocks, ULONG count);
 
+/// Takes its arguments, which are numbers and addresses, by value: a reference would have whoever
+/// might trace a variable keep it in memory.
 template <typename... Arguments>
 [[gnu::noinline, gnu::cold]] void Emit(ULONG flag, UCHAR level, const char* message,
-                                       const Arguments&... arguments) {
+                                       Arguments... arguments) {
     static_assert(sizeof...(arguments) < kMostArguments);
     EVENT_DATA_DESCRIPTOR blocks[] = {Argument(message), Argument(arguments)...};
     Write(flag, level, blocks, sizeof...(arguments) + 1);

@@ -95,7 +95,7 @@ void RenameInTree(const DriverState& state, const PostOperation& post, const Cal
     }
     if (KeyEntry* entry = context.Entry(); entry != nullptr) {
         const GuardedMutexGuard guard(entry->EntryLock);
-        entry->CachedName = nullptr;
+        entry->ForgetName();
     }
 }
 

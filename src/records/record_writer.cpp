@@ -61,17 +61,21 @@ bool RecordReservation::ReserveAndName(ULONG size, const KeyObjectContext& conte
     }
     header_->NameOffset = 0;
     if (KeyEntry* entry = context.Entry(); entry != nullptr) {
-        return ReferToEntry(*entry, context.Node());
+        if (const WCHAR* path = entry->NameIn(sequence_); path != nullptr) {
+            SetName(path);
+            return true;
+        }
+        return WriteEntryPathOnce(*entry, context.Node());
     }
     return capturedPath == nullptr || WriteCapturedPath(*capturedPath);
 }
 
 /// The lock is held to the end, so that two records about one key in one buffer never both write
 /// its path.
-bool RecordReservation::ReferToEntry(KeyEntry& entry, ZPK_NODE* node) {
+bool RecordReservation::WriteEntryPathOnce(KeyEntry& entry, ZPK_NODE* node) {
     const GuardedMutexGuard guard(entry.EntryLock);
-    if (entry.CachedName != nullptr && entry.CachedNameSequence == sequence_) {
-        SetName(const_cast<WCHAR*>(entry.CachedName));
+    if (const WCHAR* path = entry.NameIn(sequence_); path != nullptr) {
+        SetName(path);
         return true;
     }
     const ULONG bytes = PathBytes(node);
@@ -85,8 +89,7 @@ bool RecordReservation::WriteEntryPath(KeyEntry& entry, ZPK_NODE* node, ULONG pa
         return false;
     }
     if (CopyPath(node, path, pathBytes)) {
-        entry.CachedName = static_cast<const WCHAR*>(path);
-        entry.CachedNameSequence = sequence_;
+        entry.SetName(path, sequence_);
         SetName(path);
     }
     if (pathBuffer != nullptr) {
@@ -133,20 +136,21 @@ PVOID RecordReservation::PlacePath(ULONG bytes, EventBuffer** pathBuffer) {
     return reinterpret_cast<UCHAR*>(header_) + size_;
 }
 
-void RecordReservation::SetName(PVOID path) const {
+void RecordReservation::SetName(const void* path) const {
     header_->NameOffset = static_cast<LONG>(static_cast<const UCHAR*>(path) -
                                             reinterpret_cast<const UCHAR*>(header_));
 }
 
 void RecordReservation::FillHeader(RecordType type, const KeyObjectContext& context) const {
-    header_->Type = type;
-    header_->NextOffset = 0;
-    header_->ProcessId = static_cast<std::uint32_t>(context.Process->ProcessId);
-    header_->ProcessKey = context.Process->ProcessKey;
+    RecordHeader& header = *header_;
+    header.Type = type;
+    header.NextOffset = 0;
+    header.ProcessId = static_cast<std::uint32_t>(context.Process->ProcessId);
+    header.ProcessKey = context.Process->ProcessKey;
     LARGE_INTEGER now;
     KeQuerySystemTime(&now);
-    header_->SystemTime = static_cast<std::uint64_t>(now.QuadPart);
-    header_->KeyOperations = static_cast<OperationMask>(ReadNoFence(&context.KeyOperations));
+    header.SystemTime = static_cast<std::uint64_t>(now.QuadPart);
+    header.KeyOperations = static_cast<OperationMask>(ReadNoFence(&context.KeyOperations));
 }
 
 }  // namespace zpregflt

@@ -39,11 +39,11 @@ protected:
 private:
     bool ReserveAndName(ULONG size, const KeyObjectContext& context,
                         const UNICODE_STRING* capturedPath);
-    bool ReferToEntry(KeyEntry& entry, ZPK_NODE* node);
+    bool WriteEntryPathOnce(KeyEntry& entry, ZPK_NODE* node);
     bool WriteEntryPath(KeyEntry& entry, ZPK_NODE* node, ULONG pathBytes);
     bool WriteCapturedPath(const UNICODE_STRING& path);
     PVOID PlacePath(ULONG bytes, EventBuffer** pathBuffer);
-    void SetName(PVOID path) const;
+    void SetName(const void* path) const;
     void FillHeader(RecordType type, const KeyObjectContext& context) const;
 
     EventBuffer* buffer_ = nullptr;

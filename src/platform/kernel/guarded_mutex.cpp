@@ -40,11 +40,46 @@ void BecomeOwner(PKGUARDED_MUTEX mutex, KIRQL oldIrql) {
     mutex->u.CombinedApcDisable = oldIrql;
 }
 
-[[noreturn, gnu::noinline]] void NTAPI LevelChanged(PKGUARDED_MUTEX mutex) {
-    Violation(Rule::kIrqlDirection,
-              "KeReleaseGuardedMutex: the level was changed to " + std::to_string(currentIrql) +
-                  " while the mutex was held",
-              mutex);
+[[gnu::always_inline]] inline void Take(PKGUARDED_MUTEX mutex) {
+    const KIRQL old = currentIrql;
+    currentIrql = APC_LEVEL;
+    if (!TryTake(mutex)) WaitAndTake(mutex);
+    BecomeOwner(mutex, old);
+}
+
+[[gnu::noinline]] void NTAPI WakeWaiter(PKGUARDED_MUTEX mutex) {
+    FutexWake(&mutex->Count, 1);
+}
+
+[[gnu::always_inline]] inline void Free(PKGUARDED_MUTEX mutex) {
+    const auto old = static_cast<KIRQL>(mutex->u.CombinedApcDisable);
+    mutex->Owner = nullptr;
+    // The mutex may be gone as soon as it is free: the wake only names it.
+    const LONG count = __atomic_exchange_n(&mutex->Count, kFree, __ATOMIC_RELEASE);
+    currentIrql = old;
+    if (count == kContended) WakeWaiter(mutex);
+}
+
+// The verified ways stand apart: what they call would have the short ones save registers.
+
+[[gnu::noinline]] void NTAPI TakeVerified(PKGUARDED_MUTEX mutex) {
+    const char* const routine = "KeAcquireGuardedMutex";
+    RequireIrql(routine, APC_LEVEL);
+    CheckBeforeAcquire(routine, mutex, LockKind::kGuardedMutex);
+    Take(mutex);
+    NoteAcquired(mutex, LockKind::kGuardedMutex);
+}
+
+[[gnu::noinline]] void NTAPI FreeVerified(PKGUARDED_MUTEX mutex) {
+    const char* const routine = "KeReleaseGuardedMutex";
+    NoteReleased(routine, mutex, LockKind::kGuardedMutex);
+    if (currentIrql != APC_LEVEL) {
+        Violation(Rule::kIrqlDirection,
+                  std::string(routine) + ": the level was changed to " +
+                      std::to_string(currentIrql) + " while the mutex was held",
+                  mutex);
+    }
+    Free(mutex);
 }
 
 }  // namespace
@@ -61,14 +96,7 @@ void NTAPI KeInitializeGuardedMutex(PKGUARDED_MUTEX mutex) {
 }
 
 void NTAPI KeAcquireGuardedMutex(PKGUARDED_MUTEX mutex) {
-    RequireIrql("KeAcquireGuardedMutex", APC_LEVEL);
-    const bool verify = VerifierEnabled();
-    if (verify) CheckBeforeAcquire("KeAcquireGuardedMutex", mutex, LockKind::kGuardedMutex);
-    const KIRQL old = currentIrql;
-    currentIrql = APC_LEVEL;
-    if (!TryTake(mutex)) WaitAndTake(mutex);
-    BecomeOwner(mutex, old);
-    if (verify) NoteAcquired(mutex, LockKind::kGuardedMutex);
+    return VerifierEnabled() ? TakeVerified(mutex) : Take(mutex);
 }
 
 BOOLEAN NTAPI KeTryToAcquireGuardedMutex(PKGUARDED_MUTEX mutex) {
@@ -81,17 +109,7 @@ BOOLEAN NTAPI KeTryToAcquireGuardedMutex(PKGUARDED_MUTEX mutex) {
 }
 
 void NTAPI KeReleaseGuardedMutex(PKGUARDED_MUTEX mutex) {
-    if (VerifierEnabled()) {
-        NoteReleased("KeReleaseGuardedMutex", mutex, LockKind::kGuardedMutex);
-        if (currentIrql != APC_LEVEL) LevelChanged(mutex);
-    }
-    const auto old = static_cast<KIRQL>(mutex->u.CombinedApcDisable);
-    mutex->Owner = nullptr;
-    // The mutex may be gone as soon as it is free: the wake only names it.
-    if (__atomic_exchange_n(&mutex->Count, kFree, __ATOMIC_RELEASE) == kContended) {
-        FutexWake(&mutex->Count, 1);
-    }
-    currentIrql = old;
+    return VerifierEnabled() ? FreeVerified(mutex) : Free(mutex);
 }
 
 }  // extern "C"

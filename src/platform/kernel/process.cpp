@@ -38,8 +38,6 @@ struct HostThread {
 };
 
 thread_local HostThread hostThread;
-/// The innermost of the above, for quick access; null: not asked for yet.
-thread_local constinit Thread* currentThread = nullptr;
 
 Thread& OwnThread() {
     if (!hostThread.own) {
@@ -52,7 +50,8 @@ Thread& OwnThread() {
 
 /// Leaves every scope that is deeper than `depth`.
 void LeaveScopes(std::size_t depth) {
-    currentThread = depth == 0 ? hostThread.own.get() : hostThread.scopes[depth - 1].get();
+    process_detail::currentThread =
+        depth == 0 ? hostThread.own.get() : hostThread.scopes[depth - 1].get();
     while (hostThread.scopes.size() > depth) {
         // The reference is dropped last: destroying the thread may run kernel code.
         const ObjectRef<Thread> left = std::move(hostThread.scopes.back());
@@ -93,8 +92,11 @@ Process& SystemProcess() {
     return *process;
 }
 
-Thread& CurrentThread() {
-    if (currentThread == nullptr) currentThread = &OwnThread();
+/// The innermost of what the host thread is, for quick access.
+constinit thread_local Thread* process_detail::currentThread = nullptr;
+
+Thread& process_detail::BecomeOwnThread() {
+    currentThread = &OwnThread();
     return *currentThread;
 }
 
@@ -108,7 +110,7 @@ long AttachedThreadCount() {
 
 AttachedThread::AttachedThread(ObjectRef<Thread> thread)
     : depth_(hostThread.scopes.size()), previousMode_(hostThread.previousMode) {
-    currentThread = thread.get();
+    process_detail::currentThread = thread.get();
     hostThread.scopes.push_back(std::move(thread));
     attachedThreads.fetch_add(1, std::memory_order_relaxed);
     hostThread.previousMode = KernelMode;

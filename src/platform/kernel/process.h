@@ -76,9 +76,18 @@ extern const ObjectType kThreadType;
 /// The process of system threads. It outlives every machine of the host process.
 Process& SystemProcess();
 
-/// The thread that this host thread is; never null. A host thread that was not attached is a system
-/// thread of the system process.
-Thread& CurrentThread();
+namespace process_detail {
+/// Null: not asked for yet.
+extern constinit thread_local Thread* currentThread;
+Thread& BecomeOwnThread();
+}  // namespace process_detail
+
+/// The thread that this host thread is. A host thread that was not attached is a system thread of
+/// the system process.
+inline Thread& CurrentThread() {
+    Thread* const current = process_detail::currentThread;
+    return current != nullptr ? *current : process_detail::BecomeOwnThread();
+}
 inline Process& CurrentProcess() {
     return CurrentThread().Owner();
 }

@@ -75,11 +75,45 @@ std::atomic<int>& ParkedAt(const KSPIN_LOCK* lock) {
     if (ParkedAt(lock).fetch_add(0) != 0) FutexWake(Serving(lock), kWakeAll, Channel(next));
 }
 
-[[noreturn, gnu::noinline]] void NTAPI LevelChanged(const char* routine, PKSPIN_LOCK lock) {
-    Violation(Rule::kIrqlDirection,
-              std::string(routine) + ": the level was changed to " + std::to_string(currentIrql) +
-                  " while the spin lock was held",
-              lock);
+[[gnu::always_inline]] inline void Take(PKSPIN_LOCK lock, PKLOCK_QUEUE_HANDLE handle) {
+    handle->LockQueue.Next = nullptr;
+    handle->LockQueue.Lock = lock;
+    handle->OldIrql = currentIrql;
+    currentIrql = DISPATCH_LEVEL;
+    const Ticket mine = __atomic_fetch_add(Next(lock), 1, __ATOMIC_RELAXED);
+    if (__atomic_load_n(Serving(lock), __ATOMIC_ACQUIRE) != mine) WaitForTurn(lock, mine);
+}
+
+[[gnu::always_inline]] inline void Free(PKLOCK_QUEUE_HANDLE handle) {
+    const PKSPIN_LOCK lock = handle->LockQueue.Lock;
+    const Ticket next = __atomic_load_n(Serving(lock), __ATOMIC_RELAXED) + 1;
+    const bool waited = __atomic_load_n(Next(lock), __ATOMIC_RELAXED) != next;
+    __atomic_store_n(Serving(lock), next, __ATOMIC_RELEASE);
+    currentIrql = handle->OldIrql;
+    if (waited) WakeWaiter(lock, next);
+}
+
+// The verified ways stand apart: what they call would have the short ones save registers.
+
+[[gnu::noinline]] void NTAPI TakeVerified(PKSPIN_LOCK lock, PKLOCK_QUEUE_HANDLE handle) {
+    const char* const routine = "KeAcquireInStackQueuedSpinLock";
+    RequireIrql(routine, DISPATCH_LEVEL);
+    CheckBeforeAcquire(routine, lock, LockKind::kSpinLock);
+    Take(lock, handle);
+    NoteAcquired(lock, LockKind::kSpinLock);
+}
+
+[[gnu::noinline]] void NTAPI FreeVerified(PKLOCK_QUEUE_HANDLE handle) {
+    const char* const routine = "KeReleaseInStackQueuedSpinLock";
+    const PKSPIN_LOCK lock = handle->LockQueue.Lock;
+    NoteReleased(routine, lock, LockKind::kSpinLock);
+    if (currentIrql != DISPATCH_LEVEL) {
+        Violation(Rule::kIrqlDirection,
+                  std::string(routine) + ": the level was changed to " +
+                      std::to_string(currentIrql) + " while the spin lock was held",
+                  lock);
+    }
+    Free(handle);
 }
 
 }  // namespace
@@ -97,31 +131,11 @@ using namespace platform;
 extern "C" {
 
 void NTAPI KeAcquireInStackQueuedSpinLock(PKSPIN_LOCK lock, PKLOCK_QUEUE_HANDLE handle) {
-    const char* const routine = "KeAcquireInStackQueuedSpinLock";
-    RequireIrql(routine, DISPATCH_LEVEL);
-    const bool verify = VerifierEnabled();
-    if (verify) CheckBeforeAcquire(routine, lock, LockKind::kSpinLock);
-    handle->LockQueue.Next = nullptr;
-    handle->LockQueue.Lock = lock;
-    handle->OldIrql = currentIrql;
-    currentIrql = DISPATCH_LEVEL;
-    const Ticket mine = __atomic_fetch_add(Next(lock), 1, __ATOMIC_RELAXED);
-    if (__atomic_load_n(Serving(lock), __ATOMIC_ACQUIRE) != mine) WaitForTurn(lock, mine);
-    if (verify) NoteAcquired(lock, LockKind::kSpinLock);
+    return VerifierEnabled() ? TakeVerified(lock, handle) : Take(lock, handle);
 }
 
 void NTAPI KeReleaseInStackQueuedSpinLock(PKLOCK_QUEUE_HANDLE handle) {
-    const PKSPIN_LOCK lock = handle->LockQueue.Lock;
-    if (VerifierEnabled()) {
-        const char* const routine = "KeReleaseInStackQueuedSpinLock";
-        NoteReleased(routine, lock, LockKind::kSpinLock);
-        if (currentIrql != DISPATCH_LEVEL) LevelChanged(routine, lock);
-    }
-    const Ticket next = __atomic_load_n(Serving(lock), __ATOMIC_RELAXED) + 1;
-    const bool waited = __atomic_load_n(Next(lock), __ATOMIC_RELAXED) != next;
-    __atomic_store_n(Serving(lock), next, __ATOMIC_RELEASE);
-    if (waited) WakeWaiter(lock, next);
-    currentIrql = handle->OldIrql;
+    return VerifierEnabled() ? FreeVerified(handle) : Free(handle);
 }
 
 }  // extern "C"
