@@ -95,7 +95,9 @@ function(add_kernel_image name)
   add_executable(${name} ${sources} ${version})
   set_target_properties(${name} PROPERTIES SUFFIX .sys
     LINK_DEPENDS "${version};${ARG_DEFINITION}")
-  target_link_options(${name} PRIVATE LINKER:--entry,${ARG_ENTRY})
+  # Optimised as a whole, as on Linux.
+  target_compile_options(${name} PRIVATE -flto)
+  target_link_options(${name} PRIVATE LINKER:--entry,${ARG_ENTRY} -flto)
   add_symbols(${name})
   target_link_libraries(${name} PRIVATE windows_kernel_options ${ARG_LINK} ${ARG_DEFINITION}
     ${version} ${NTOSKRNL_LIBRARY})
@@ -103,8 +105,9 @@ function(add_kernel_image name)
     COMMAND ${Python3_EXECUTABLE} ${CMAKE_SOURCE_DIR}/cmake/set_checksum.py $<TARGET_FILE:${name}>)
 endfunction()
 
+# Inlined, its exception handler would become that of whoever copies.
 set_source_files_properties(src/windows/protected_access.cpp PROPERTIES
-  COMPILE_OPTIONS -fms-extensions)
+  COMPILE_OPTIONS "-fms-extensions;-fno-lto")
 
 set(zpklib_definition ${CMAKE_BINARY_DIR}/zpklib.def)
 write_module_definition(${CMAKE_SOURCE_DIR}/src/supportlib/zpklib.h ${zpklib_definition})
