@@ -17,16 +17,22 @@ namespace {
 
 constexpr int kWorkers = 8;
 
-/// Creates keys, flushes them through a second handle, and deletes them again.
+constexpr char16_t kSharedKey[] = u"\\REGISTRY\\MACHINE\\shared";
+
+/// Creates keys, flushes them through a second handle, and deletes them again; flushes a key in
+/// between that all workers have open, so that they meet at its cached path.
 class Worker {
 public:
     Worker(platform::Process& process, int number) : process_(process), number_(number) {}
 
     void Run(const std::atomic<bool>& stop) {
         const platform::ThreadScope thread(process_);
+        const HANDLE shared = OpenKey(kSharedKey);
         for (int i = 0; !stop.load(std::memory_order_relaxed); ++i) {
+            Note(NtFlushKey(shared), zpregflt::RecordType::kKeyFlushed, kSharedKey);
             WorkOnKey(u"\\REGISTRY\\MACHINE\\w" + Number(number_) + u"_" + Number(i));
         }
+        NtClose(shared);
     }
     const RecordCounts& Expected() const { return expected_; }
     int Failures() const { return failures_; }
@@ -34,15 +40,23 @@ public:
 private:
     static std::u16string Number(int value) { return platform::ToUtf16(std::to_string(value)); }
 
-    void WorkOnKey(std::u16string path) {
+    HANDLE OpenKey(const std::u16string& path) {
+        UNICODE_STRING name = platform::Describe(path);
+        OBJECT_ATTRIBUTES attributes;
+        InitializeObjectAttributes(&attributes, &name, OBJ_CASE_INSENSITIVE, nullptr, nullptr);
+        HANDLE opened = nullptr;
+        if (!NT_SUCCESS(NtOpenKey(&opened, KEY_ALL_ACCESS, &attributes))) ++failures_;
+        return opened;
+    }
+
+    void WorkOnKey(const std::u16string& path) {
         UNICODE_STRING name = platform::Describe(path);
         OBJECT_ATTRIBUTES attributes;
         InitializeObjectAttributes(&attributes, &name, OBJ_CASE_INSENSITIVE, nullptr, nullptr);
         HANDLE created = nullptr;
-        HANDLE opened = nullptr;
         Note(NtCreateKey(&created, KEY_ALL_ACCESS, &attributes, 0, nullptr, 0, nullptr),
              zpregflt::RecordType::kKeyCreated, path);
-        if (!NT_SUCCESS(NtOpenKey(&opened, KEY_ALL_ACCESS, &attributes))) ++failures_;
+        const HANDLE opened = OpenKey(path);
         Note(NtFlushKey(opened), zpregflt::RecordType::kKeyFlushed, path);
         Note(NtFlushKey(created), zpregflt::RecordType::kKeyFlushed, path);
         Note(NtDeleteKey(opened), zpregflt::RecordType::kKeyDeleted, path);
@@ -89,6 +103,7 @@ protected:
     void SetUp() override {
         Boot(zpregflt::operation::kCreateKeyEx | zpregflt::operation::kFlushKey);
         monitored_ = StartMonitored();
+        machine_.SetRegistryDword(kSharedKey, u"Version", 1);
         dumpPath_ = testing::TempDir() + "zpregflt_stress_" + std::to_string(::getpid());
     }
     void TearDown() override {
