@@ -1,18 +1,18 @@
-// In-stack queued spin locks, as ticket locks in the lock's eight bytes.
+// In-stack queued spin locks, as exchange locks in the lock's eight bytes.
 //
-// An uncontended acquisition is one locked addition, a release one plain store. A waiter spins a
-// few microseconds and then parks: the host can preempt the holder, or the waiter whose turn it is.
-// A releaser that saw waiters wakes the next one's channel. It looks for waiters before it stores,
-// because the next holder may free the lock right after; who queues up in between and parks at once
-// is not woken, and finds out when its park's time is up.
-#include "platform/kernel/spin_lock.h"
-
+// They are not served in the order of arrival, which the name promises and no caller can rely on:
+// unlike a processor at DISPATCH_LEVEL, a host thread that is next in line may be preempted, and
+// all others would wait until the host runs it again. Here whoever runs takes a free lock.
+//
+// An uncontended acquisition is one locked exchange, a release one plain store. A waiter spins a
+// few microseconds and then parks, as the holder may be preempted too. A releaser that saw waiters
+// wakes one. It looks for waiters before it stores, because the next holder may free the lock right
+// after; who comes in between and parks at once is not woken by it, but by the next release, or
+// when the park's time is up.
 #include "platform/kernel/futex.h"
 #include "platform/kernel/held_locks.h"
 #include "platform/kernel/verifier.h"
 
-#include <array>
-#include <atomic>
 #include <bit>
 #include <cstdint>
 #include <string>
@@ -21,58 +21,49 @@ namespace platform {
 
 namespace {
 
-using Ticket = std::uint32_t;
-
 static_assert(std::endian::native == std::endian::little);
 
-/// Low half: the next ticket to be drawn.
-Ticket* Next(PKSPIN_LOCK lock) {
-    return reinterpret_cast<Ticket*>(lock);
-}
-/// High half: the ticket that holds the lock, or will hold it once drawn. Only the holder writes
-/// it.
-Ticket* Serving(PKSPIN_LOCK lock) {
-    return reinterpret_cast<Ticket*>(lock) + 1;
-}
-
-std::uint32_t Channel(Ticket ticket) {
-    return std::uint32_t{1} << (ticket % 32);
-}
-
+constexpr std::uint32_t kFree = 0;
+constexpr std::uint32_t kHeld = 1;
 constexpr std::int64_t kLongestPark = 1'000'000;
 
-constexpr std::size_t kParkingLots = 64;
-
-/// Parked waiters of the locks that share a lot. The lots outlive every lock.
-struct alignas(64) ParkingLot {
-    std::atomic<int> parked{0};
-};
-constinit std::array<ParkingLot, kParkingLots> parkingLots{};
-
-std::atomic<int>& ParkedAt(const KSPIN_LOCK* lock) {
-    return parkingLots[(reinterpret_cast<std::uintptr_t>(lock) >> 4) % kParkingLots].parked;
+/// Low half: kFree or kHeld.
+std::uint32_t* StateOf(PKSPIN_LOCK lock) {
+    return reinterpret_cast<std::uint32_t*>(lock);
+}
+/// High half: how many threads have parked or are about to, and kWaking while one of them has been
+/// woken and has not yet run: a second one would only find the lock taken as well.
+constexpr std::uint32_t kWaking = 0x8000'0000;
+std::uint32_t* ParkedAt(PKSPIN_LOCK lock) {
+    return reinterpret_cast<std::uint32_t*>(lock) + 1;
 }
 
-[[gnu::noinline]] void NTAPI WaitForTurn(PKSPIN_LOCK lock, Ticket mine) {
+bool TryTake(PKSPIN_LOCK lock) {
+    return __atomic_exchange_n(StateOf(lock), kHeld, __ATOMIC_ACQUIRE) == kFree;
+}
+
+[[gnu::noinline]] void NTAPI WaitAndTake(PKSPIN_LOCK lock) {
     for (int spin = 0; spin < kSpinsBeforeParking; ++spin) {
         SpinPause();
-        if (__atomic_load_n(Serving(lock), __ATOMIC_ACQUIRE) == mine) return;
+        if (__atomic_load_n(StateOf(lock), __ATOMIC_RELAXED) == kFree && TryTake(lock)) return;
     }
-    std::atomic<int>& parked = ParkedAt(lock);
-    parked.fetch_add(1);
+    __atomic_fetch_add(ParkedAt(lock), 1, __ATOMIC_RELAXED);
     for (;;) {
-        const Ticket serving = __atomic_load_n(Serving(lock), __ATOMIC_ACQUIRE);
-        if (serving == mine) break;
-        FutexWait(Serving(lock), serving, MonotonicNow() + kLongestPark, Channel(mine));
+        const bool taken = TryTake(lock);
+        // Whoever was woken, some waiter has run. Only the holder sets this, so the last waiter
+        // leaves it clear.
+        __atomic_fetch_and(ParkedAt(lock), ~kWaking, __ATOMIC_RELAXED);
+        if (taken) break;
+        FutexWait(StateOf(lock), kHeld, MonotonicNow() + kLongestPark);
     }
-    parked.fetch_sub(1);
+    __atomic_fetch_sub(ParkedAt(lock), 1, __ATOMIC_RELAXED);
 }
 
-/// After the release: the lock itself may be gone.
-[[gnu::noinline]] void NTAPI WakeWaiter(PKSPIN_LOCK lock, Ticket next) {
-    // A locked operation orders this after the store that released the lock; the waiter counts
-    // itself before it looks at the lock again.
-    if (ParkedAt(lock).fetch_add(0) != 0) FutexWake(Serving(lock), kWakeAll, Channel(next));
+[[gnu::noinline]] void NTAPI FreeAndWake(PKSPIN_LOCK lock) {
+    const std::uint32_t before = __atomic_fetch_or(ParkedAt(lock), kWaking, __ATOMIC_RELAXED);
+    __atomic_store_n(StateOf(lock), kFree, __ATOMIC_RELEASE);
+    // From here on the lock is only named: it may be gone.
+    if ((before & kWaking) == 0) FutexWake(StateOf(lock), 1);
 }
 
 [[gnu::always_inline]] inline void Take(PKSPIN_LOCK lock, PKLOCK_QUEUE_HANDLE handle) {
@@ -80,17 +71,14 @@ std::atomic<int>& ParkedAt(const KSPIN_LOCK* lock) {
     handle->LockQueue.Lock = lock;
     handle->OldIrql = currentIrql;
     currentIrql = DISPATCH_LEVEL;
-    const Ticket mine = __atomic_fetch_add(Next(lock), 1, __ATOMIC_RELAXED);
-    if (__atomic_load_n(Serving(lock), __ATOMIC_ACQUIRE) != mine) WaitForTurn(lock, mine);
+    if (!TryTake(lock)) WaitAndTake(lock);
 }
 
 [[gnu::always_inline]] inline void Free(PKLOCK_QUEUE_HANDLE handle) {
     const PKSPIN_LOCK lock = handle->LockQueue.Lock;
-    const Ticket next = __atomic_load_n(Serving(lock), __ATOMIC_RELAXED) + 1;
-    const bool waited = __atomic_load_n(Next(lock), __ATOMIC_RELAXED) != next;
-    __atomic_store_n(Serving(lock), next, __ATOMIC_RELEASE);
     currentIrql = handle->OldIrql;
-    if (waited) WakeWaiter(lock, next);
+    if (__atomic_load_n(ParkedAt(lock), __ATOMIC_RELAXED) != 0) return FreeAndWake(lock);
+    __atomic_store_n(StateOf(lock), kFree, __ATOMIC_RELEASE);
 }
 
 // The verified ways stand apart: what they call would have the short ones save registers.
@@ -117,13 +105,6 @@ std::atomic<int>& ParkedAt(const KSPIN_LOCK* lock) {
 }
 
 }  // namespace
-
-unsigned SpinLockQueueLength(const KSPIN_LOCK& lock) {
-    auto* const word = const_cast<PKSPIN_LOCK>(&lock);
-    const Ticket serving = __atomic_load_n(Serving(word), __ATOMIC_ACQUIRE);
-    return __atomic_load_n(Next(word), __ATOMIC_ACQUIRE) - serving;
-}
-
 }  // namespace platform
 
 using namespace platform;
