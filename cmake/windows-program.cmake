@@ -1,4 +1,4 @@
-# zpregmon.exe: the client library and the commands that need no platform. The C and C++ libraries
+# zpregmon.exe: the client library and the commands that Windows has. The C and C++ libraries
 # are those of MinGW-w64, linked into the program but for what every Windows has.
 
 # Header-only libraries of the host, shown to the compiler without the host's other headers.
@@ -7,7 +7,7 @@ find_path(CLI11_INCLUDE CLI/CLI.hpp REQUIRED NO_CMAKE_FIND_ROOT_PATH)
 file(MAKE_DIRECTORY ${CMAKE_BINARY_DIR}/include)
 file(CREATE_LINK ${FMT_INCLUDE}/fmt ${CMAKE_BINARY_DIR}/include/fmt SYMBOLIC)
 file(CREATE_LINK ${CLI11_INCLUDE}/CLI ${CMAKE_BINARY_DIR}/include/CLI SYMBOLIC)
-find_path(MINGW_LIBRARIES crt2.o REQUIRED NO_CMAKE_FIND_ROOT_PATH
+find_path(MINGW_LIBRARIES crt2u.o REQUIRED NO_CMAKE_FIND_ROOT_PATH
   PATHS /usr/x86_64-w64-mingw32/lib)
 find_path(MINGW_INCLUDE windows.h REQUIRED)
 
@@ -20,14 +20,14 @@ target_compile_options(windows_program_options INTERFACE
   "SHELL:-isystem ${MINGW_INCLUDE}" "SHELL:-isystem ${CMAKE_BINARY_DIR}/include"
   -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Werror)
 target_link_options(windows_program_options INTERFACE
-  -nostdlib -static -fuse-ld=${LD_LLD} ${MINGW_LIBRARIES}/crt2.o ${MINGW_GCC}/crtbegin.o)
+  -nostdlib -static -fuse-ld=${LD_LLD} ${MINGW_LIBRARIES}/crt2u.o ${MINGW_GCC}/crtbegin.o)
 target_link_libraries(windows_program_options INTERFACE
   -L${MINGW_GCC} -L${MINGW_LIBRARIES} -Wl,--start-group -lstdc++ -lmingw32 -lgcc -lgcc_eh
-  -lmoldname -lmingwex -lmsvcrt -lpthread -lkernel32 -Wl,--end-group ${MINGW_GCC}/crtend.o)
+  -lmoldname -lmingwex -lmsvcrt -lpthread -lkernel32 -ladvapi32 -lntdll -Wl,--end-group
+  ${MINGW_GCC}/crtend.o)
 
-file(GLOB program_sources CONFIGURE_DEPENDS src/client/*.cpp src/zpregmon/*.cpp)
-# Replaying needs the platform.
-list(FILTER program_sources EXCLUDE REGEX "/replay_command\\.cpp$")
+file(GLOB program_sources CONFIGURE_DEPENDS src/client/*.cpp
+  src/zpregmon/*.cpp src/zpregmon/session/*.cpp src/zpregmon/windows/*.cpp)
 add_version_resource(program_version zpregmon SUFFIX .exe TYPE 1 SUBTYPE 0
   DESCRIPTION "Shows what programs do with the registry")
 add_executable(zpregmon ${program_sources} ${program_version})

@@ -24,10 +24,10 @@ void Decode(Bytes image) {
         if (++events > image.size()) {
             std::abort();  // more records than there are places for them
         }
-        if (event.key) {
-            CheckInside(image, event.key->data(), event.key->size() * sizeof(char16_t));
+        if (event.Key()) {
+            CheckInside(image, event.Key()->data(), event.Key()->size() * sizeof(char16_t));
         }
-        if (const auto* set = std::get_if<ValueSet>(&event.payload)) {
+        if (const auto set = event.As<ValueSet>()) {
             CheckInside(image, set->value.data(), set->value.size() * sizeof(char16_t));
             CheckInside(image, set->data.captured.data(), set->data.captured.size());
         }

@@ -9,8 +9,9 @@
 namespace zpregmon {
 
 ControlError::ControlError(const std::string& request, Status status)
-    : std::runtime_error(
-          fmt::format("{}: status {:08x}", request, static_cast<std::uint32_t>(status))),
+    : std::runtime_error(fmt::format(
+          "{}: status {:08x}{}", request, static_cast<std::uint32_t>(status),
+          status == kStatusUnsuccessful ? ": this program is not among the trusted images" : "")),
       status_(status) {}
 
 ControlSession::~ControlSession() {
@@ -47,7 +48,14 @@ void ControlSession::SetReportOriginal(bool on) {
 }
 
 void ControlSession::SetDumpFile(const std::string& path) {
-    if (const Status status = device_.SetDumpFile(path); status < 0) {
+    const Status status = device_.SetDumpFile(path);
+    if (status == kStatusObjectNameCollision) {
+        throw ControlError(
+            fmt::format("cannot use '{}' as the dump file: the driver has one until it is unloaded",
+                        path),
+            status);
+    }
+    if (status < 0) {
         throw ControlError(fmt::format("cannot use '{}' as the dump file", path), status);
     }
 }
@@ -70,18 +78,27 @@ void ControlSession::Start(const SessionOptions& options, BufferHandler handler)
     options_ = options;
     handler_ = std::move(handler);
     device_.AllocateBuffers(options.buffers, options.bufferSize);
-    {
-        const std::lock_guard guard(lock_);
-        lending_ = true;
-        returned_ = options.buffers;
-        for (std::size_t slot = 0; slot < options.buffers; ++slot) {
-            Lend(slot);
-        }
-        if (lent_ == 0) {
-            throw ControlError("the driver takes no buffer", statistics_.lastFailure);
-        }
+    thread_ = std::thread([this] {
+        LendAll();
+        Run();
+    });
+    std::unique_lock guard(lock_);
+    lentChanged_.wait(guard, [this] { return lending_; });
+    if (lent_ + returned_ == 0) {
+        guard.unlock();
+        thread_.join();
+        throw ControlError("the driver takes no buffer", statistics_.lastFailure);
     }
-    thread_ = std::thread([this] { Run(); });
+}
+
+void ControlSession::LendAll() {
+    const std::lock_guard guard(lock_);
+    lending_ = true;
+    returned_ = options_.buffers;
+    for (std::size_t slot = 0; slot < options_.buffers; ++slot) {
+        Lend(slot);
+    }
+    lentChanged_.notify_all();
 }
 
 void ControlSession::Flush() {

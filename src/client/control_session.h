@@ -79,6 +79,7 @@ public:
     SessionStatistics Finish();
 
 private:
+    void LendAll();
     void Run();
     bool BuffersAreOut();
     void Handle(const Completion& completion);

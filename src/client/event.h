@@ -1,25 +1,24 @@
 // One recorded registry operation, as a client sees it.
 //
-// Nothing here owns anything: text and bytes point into the buffer that the event was decoded from
-// and are valid as long as that is. Numbers of the system (information classes, value types, flags)
-// are as the system defines them; client/information_text.h and client/vocabulary.h name them.
+// Nothing here owns anything: an event, its text and its bytes lie in the buffer that it was
+// decoded from and are valid as long as that is. Numbers of the system (information classes, value
+// types, flags) are as the system defines them; client/system_names.h and client/vocabulary.h name
+// them.
 #pragma once
 
+#include "client/wire_field.h"
 #include "client/wire_text.h"
 #include "records/record_format.h"
 
-#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
-#include <span>
 #include <string>
 #include <string_view>
-#include <variant>
+#include <type_traits>
+#include <utility>
 
 namespace zpregmon {
-
-using Bytes = std::span<const std::byte>;
 
 /// Data of a value, of which the driver captures no more than it is set to.
 struct CapturedData {
@@ -119,21 +118,122 @@ struct KeySecurityQueried {
     Bytes descriptor;               ///< self-relative, not checked
 };
 
-/// What the kinds have beside the header. Nothing: key-flushed, hive-unloaded, key-handle-closed,
+/// Of the kinds that have nothing beside the header: key-flushed, hive-unloaded, key-handle-closed,
 /// key-deleted, key-name-queried and key-created.
-using Payload = std::variant<std::monostate, ValueSet, ValueDeleted, KeyRenamed, KeyInformation,
-                             ValueEnumerated, ValueQueried, ValuesQueried, HiveLoaded,
-                             FileOperation, KeyReplaced, KeySecuritySet, KeySecurityQueried>;
+struct NoPayload {};
 
-struct Event {
-    zpregflt::RecordType type;
-    std::uint32_t processId;  ///< of the process that opened or created the key
-    std::uint64_t processKey;
-    std::uint64_t systemTime;  ///< 100-nanosecond intervals since 1 January 1601 (UTC)
-    zpregflt::OperationMask operations;
-    std::optional<std::u16string_view> key;  ///< absent: the record carries no name
-    std::size_t offset;                      ///< of the record in its buffer
-    Payload payload{};                       ///< the alternative is the one of `type`
+/// Calls the function with a std::type_identity of the structure above that is the type's payload.
+template <typename Function>
+decltype(auto) WithPayload(zpregflt::RecordType type, Function&& function) {
+    using enum zpregflt::RecordType;
+    switch (type) {
+        case kValueSet:
+            return function(std::type_identity<ValueSet>());
+        case kValueDeleted:
+            return function(std::type_identity<ValueDeleted>());
+        case kKeyRenamed:
+            return function(std::type_identity<KeyRenamed>());
+        case kKeyInformationSet:
+        case kSubkeyEnumerated:
+        case kKeyQueried:
+            return function(std::type_identity<KeyInformation>());
+        case kValueEnumerated:
+            return function(std::type_identity<ValueEnumerated>());
+        case kValueQueried:
+            return function(std::type_identity<ValueQueried>());
+        case kValuesQueried:
+            return function(std::type_identity<ValuesQueried>());
+        case kHiveLoaded:
+            return function(std::type_identity<HiveLoaded>());
+        case kKeySaved:
+        case kKeyRestored:
+            return function(std::type_identity<FileOperation>());
+        case kKeyReplaced:
+            return function(std::type_identity<KeyReplaced>());
+        case kKeySecuritySet:
+            return function(std::type_identity<KeySecuritySet>());
+        case kKeySecurityQueried:
+            return function(std::type_identity<KeySecurityQueried>());
+        case kBufferHeader:
+        case kKeyFlushed:
+        case kHiveUnloaded:
+        case kKeyHandleClosed:
+        case kKeyDeleted:
+        case kKeyNameQueried:
+        case kKeyCreated:
+            break;
+    }
+    return function(std::type_identity<NoPayload>());
+}
+
+/// A record that a decoder has checked. Everything is read from it when it is asked for.
+class Event {
+public:
+    /// To be given to a decoder before anything is asked of it.
+    Event() = default;
+    /// `record`: from its first byte to the image's end, sound. `key`: null when it has no name.
+    Event(Bytes record, std::u16string_view key) : record_(record), key_(key) {}
+
+    zpregflt::RecordType Type() const {
+        return Load<zpregflt::RecordType>(offsetof(zpregflt::RecordHeader, Type));
+    }
+    /// Of the process that opened or created the key.
+    std::uint32_t ProcessId() const {
+        return Load<std::uint32_t>(offsetof(zpregflt::RecordHeader, ProcessId));
+    }
+    std::uint64_t ProcessKey() const {
+        return Load<std::uint64_t>(offsetof(zpregflt::RecordHeader, ProcessKey));
+    }
+    /// 100-nanosecond intervals since 1 January 1601 (UTC).
+    std::uint64_t SystemTime() const {
+        return Load<std::uint64_t>(offsetof(zpregflt::RecordHeader, SystemTime));
+    }
+    zpregflt::OperationMask Operations() const {
+        return Load<zpregflt::OperationMask>(offsetof(zpregflt::RecordHeader, KeyOperations));
+    }
+    /// The key's path; absent when the record carries no name.
+    std::optional<std::u16string_view> Key() const {
+        return key_.data() != nullptr ? std::optional(key_) : std::nullopt;
+    }
+    /// The record, and behind it whatever is in the image up to its end.
+    Bytes Record() const { return record_; }
+
+    /// Whether this structure is the payload: what the record has beside the header.
+    template <typename Payload>
+    bool Has() const {
+        return WithPayload(Type(), []<typename Own>(std::type_identity<Own>) {
+            return std::is_same_v<Own, Payload>;
+        });
+    }
+    /// The payload, when it is this structure: if (const auto set = event.As<ValueSet>()).
+    template <typename Payload>
+    std::optional<Payload> As() const {
+        std::optional<Payload> payload;
+        if (Has<Payload>()) {
+            Read(payload.emplace());
+        }
+        return payload;
+    }
+    /// Calls the visitor, which takes every one of the structures, with the payload.
+    template <typename Visitor>
+    decltype(auto) Visit(Visitor&& visitor) const {
+        return WithPayload(Type(), [&]<typename Own>(std::type_identity<Own>) -> decltype(auto) {
+            Own payload;
+            Read(payload);
+            return visitor(std::as_const(payload));
+        });
+    }
+
+private:
+    template <typename T>
+    T Load(std::size_t offset) const {
+        return LoadField<T>(record_.data() + offset);
+    }
+    template <typename Payload>
+    void Read(Payload& payload) const;
+
+    Bytes record_;
+    std::u16string_view key_;
 };
 
 /// Where decoding had to stop, and why.

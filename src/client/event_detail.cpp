@@ -6,7 +6,7 @@
 
 namespace zpregmon {
 
-/// One overload for each alternative of Payload.
+/// One overload for each kind of payload.
 struct EventDetail::Visitor {
     TextSink& out;
     const Event& event;
@@ -22,7 +22,7 @@ struct EventDetail::Visitor {
         }
     }
 
-    void operator()(const std::monostate&) const {}
+    void operator()(const NoPayload&) const {}
 
     void operator()(const ValueSet& set) const {
         Name(set.value, " = ");
@@ -41,7 +41,7 @@ struct EventDetail::Visitor {
     }
 
     void operator()(const KeyInformation& key) const {
-        if (event.type == zpregflt::RecordType::kKeyInformationSet) {
+        if (event.Type() == zpregflt::RecordType::kKeyInformationSet) {
             detail.data_.PutSetInformation(out, key.informationClass, key.data);
         } else {
             detail.data_.PutKeyInformation(out, key.informationClass, key.data);
@@ -82,7 +82,7 @@ struct EventDetail::Visitor {
     }
 
     void operator()(const FileOperation& operation) const {
-        const bool isSave = event.type == zpregflt::RecordType::kKeySaved;
+        const bool isSave = event.Type() == zpregflt::RecordType::kKeySaved;
         out.Put(isSave ? "to " : "from ");
         if (operation.file) {
             out.TerminalText(*operation.file);
@@ -136,20 +136,16 @@ struct EventDetail::Visitor {
 };
 
 void EventDetail::Put(TextSink& out, const Event& event) {
-    std::visit(Visitor{out, event, *this}, event.payload);
+    event.Visit(Visitor{out, event, *this});
 }
 
 std::optional<WireText> ValueOf(const Event& event) {
-    if (const auto* set = std::get_if<ValueSet>(&event.payload)) {
-        return set->value;
-    }
-    if (const auto* deleted = std::get_if<ValueDeleted>(&event.payload)) {
-        return deleted->value;
-    }
-    if (const auto* queried = std::get_if<ValueQueried>(&event.payload)) {
-        return queried->value;
-    }
-    return std::nullopt;
+    return event.Visit([](const auto& payload) -> std::optional<WireText> {
+        if constexpr (requires { payload.value; }) {
+            return payload.value;
+        }
+        return std::nullopt;
+    });
 }
 
 }  // namespace zpregmon

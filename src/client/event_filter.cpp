@@ -34,7 +34,7 @@ bool MatchesKey(const std::vector<std::u16string>& patterns, std::u16string_view
 }
 
 bool MatchesValue(const std::vector<std::u16string>& patterns, const Event& event) {
-    if (const auto* values = std::get_if<ValuesQueried>(&event.payload)) {
+    if (const auto values = event.As<ValuesQueried>()) {
         for (std::uint32_t i = 0; i < values->size(); ++i) {
             const auto name = (*values)[i].value;
             if (name && MatchesAny(patterns, *name)) {
@@ -138,17 +138,17 @@ bool EventFilter::Matches(Field field, const Rules& rules, const Event& event,
                           const ProcessImages* images) {
     switch (field) {
         case kOperation:
-            return (rules.kinds >> static_cast<std::uint32_t>(event.type) & 1U) != 0;
+            return (rules.kinds >> static_cast<std::uint32_t>(event.Type()) & 1U) != 0;
         case kKey:
-            return event.key && MatchesKey(rules.patterns[kKey], *event.key);
+            return event.Key() && MatchesKey(rules.patterns[kKey], *event.Key());
         case kValue:
             return MatchesValue(rules.patterns[kValue], event);
         case kProcess:
-            return std::find(rules.processes.begin(), rules.processes.end(), event.processId) !=
+            return std::find(rules.processes.begin(), rules.processes.end(), event.ProcessId()) !=
                    rules.processes.end();
         case kImage: {
             const std::u16string* const image =
-                images != nullptr ? images->Find(event.processId) : nullptr;
+                images != nullptr ? images->Find(event.ProcessId()) : nullptr;
             return image != nullptr && MatchesImage(rules.patterns[kImage], *image);
         }
         case kFieldCount:

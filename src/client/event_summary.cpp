@@ -51,14 +51,14 @@ void AddCount(std::string_view what, std::uint64_t count, std::string& text) {
 
 void EventSummary::Add(const Event& event) {
     ++events_;
-    ++kinds_[static_cast<std::size_t>(event.type)];
-    Counted& process = processes_[event.processId];
+    ++kinds_[static_cast<std::size_t>(event.Type())];
+    Counted& process = processes_[event.ProcessId()];
     if (process.count++ == 0) {
-        process.text = fmt::format("process {}", event.processId);
+        process.text = fmt::format("process {}", event.ProcessId());
     }
-    times_.Add(event.systemTime);
-    if (event.key) {
-        const std::u16string_view subtree = Subtree(*event.key, settings_.depth);
+    times_.Add(event.SystemTime());
+    if (event.Key()) {
+        const std::u16string_view subtree = Subtree(*event.Key(), settings_.depth);
         Counted& counted = subtrees_[Folded(subtree)];
         if (counted.count++ == 0) {
             counted.text = PathText(subtree);
@@ -68,20 +68,20 @@ void EventSummary::Add(const Event& event) {
 }
 
 void EventSummary::AddChange(const Event& event) {
-    const bool isChange = event.type == zpregflt::RecordType::kValueSet ||
-                          event.type == zpregflt::RecordType::kValueDeleted;
+    const bool isChange = event.Type() == zpregflt::RecordType::kValueSet ||
+                          event.Type() == zpregflt::RecordType::kValueDeleted;
     if (!isChange) {
         return;
     }
     const std::u16string name = ValueOf(event)->Copy();
     // No name of a key has a zero in it.
-    std::u16string id = Folded(*event.key);
+    std::u16string id = Folded(*event.Key());
     id += u'\0';
     id += Folded(name);
     Counted& counted = changes_[id];
     if (counted.count++ == 0) {
         counted.text =
-            PathText(*event.key) + "\\" + (name.empty() ? "(Default)" : ToTerminal(name));
+            PathText(*event.Key()) + "\\" + (name.empty() ? "(Default)" : ToTerminal(name));
     }
 }
 

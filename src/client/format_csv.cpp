@@ -8,6 +8,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <array>
 
 namespace zpregmon {
@@ -47,14 +48,14 @@ void PutField(TextSink& out, Function&& put) {
     out.Put('"');
     const std::size_t start = out.Size();
     put();
-    if (out.From(start).find('"') != std::string_view::npos) {
-        const std::string text(out.From(start));
-        out.Truncate(start);
-        for (const char c : text) {
-            out.Put(c);
-            if (c == '"') {
-                out.Put('"');
-            }
+    if (std::size_t quote = out.From(start).find('"'); quote != std::string_view::npos) {
+        const std::string rest(out.From(start + quote));
+        out.Truncate(start + quote);
+        // Pieces that begin with a quote.
+        for (std::size_t at = 0; at < rest.size(); at = quote) {
+            quote = std::min(rest.find('"', at + 1), rest.size());
+            out.Put('"');
+            out.Put(std::string_view(rest).substr(at, quote - at));
         }
     }
     out.Put('"');
@@ -76,8 +77,8 @@ std::string PathText(std::u16string_view key) {
 }
 
 void PutPath(TextSink& out, const Event& event, PathTextCache& paths) {
-    if (event.key) {
-        out.Put(paths.Get(*event.key, PathText));
+    if (event.Key()) {
+        out.Put(paths.Get(*event.Key(), PathText));
     }
     if (const std::optional<WireText> value = ValueOf(event)) {
         out.Put('\\');
@@ -99,11 +100,11 @@ public:
     void Append(const Event& event, TextBuffer& buffer) override {
         TextSink out(buffer);
         out.Put('"');
-        out.Put(time_.WriteTimeOfDay(event.systemTime));
+        out.Put(time_.WriteTimeOfDay(event.SystemTime()));
         out.Put("\",");
-        out.Put(processes_.Get(event.processId));
+        out.Put(processes_.Get(event.ProcessId()));
         out.Put(",\"");
-        out.Put(kOperations[static_cast<std::size_t>(event.type)]);
+        out.Put(kOperations[static_cast<std::size_t>(event.Type())]);
         out.Put("\",");
         PutField(out, [&] { PutPath(out, event, paths_); });
         out.Put(",\"SUCCESS\",");  // nothing else is recorded

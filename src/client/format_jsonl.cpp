@@ -38,22 +38,22 @@ public:
     explicit JsonLinesFormat(const ProcessImages* images) : processes_(images, ProcessText) {}
 
     void Append(const Event& event, TextBuffer& buffer) override {
-        const std::string& process = processes_.Get(event.processId);
-        const std::string& operations = OperationsText(event.operations);
+        const std::string& process = processes_.Get(event.ProcessId());
+        const std::string& operations = OperationsText(event.Operations());
         TextSink out(buffer);
         out.Put("{\"record\":\"");
-        out.Put(RecordName(event.type));
+        out.Put(RecordName(event.Type()));
         out.Put("\",\"time\":\"");
-        out.Put(time_.Write(event.systemTime));
+        out.Put(time_.Write(event.SystemTime()));
         out.Put("Z\"");
         out.Put(process);
         out.Put(",\"process_key\":\"0x");
-        out.Hex64(event.processKey);
+        out.Hex64(event.ProcessKey());
         out.Put("\",\"operations\":[");
         out.Put(operations);
         out.Put("],\"key\":");
-        if (event.key) {
-            out.Put(paths_.Get(*event.key, JsonStringText));
+        if (event.Key()) {
+            out.Put(paths_.Get(*event.Key(), JsonStringText));
         } else {
             out.Put("null");
         }

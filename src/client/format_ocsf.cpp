@@ -4,6 +4,7 @@
 #include "client/information_layout.h"
 #include "client/json_payload.h"
 #include "client/json_text.h"
+#include "client/path_text.h"
 #include "client/process_text.h"
 #include "client/registry_path.h"
 #include "client/security_text.h"
@@ -11,6 +12,8 @@
 #include "client/vocabulary.h"
 
 #include <fmt/format.h>
+
+#include <cstdlib>
 
 namespace zpregmon {
 
@@ -30,11 +33,10 @@ struct Activity {
 constexpr std::uint32_t kOther = 99;
 
 Activity ActivityOf(const Event& event) {
-    switch (event.type) {
+    switch (event.Type()) {
         case RecordType::kValueSet:
-            return std::get<ValueSet>(event.payload).previous
-                       ? Activity{kValueActivity, 3, "Modify"}
-                       : Activity{kValueActivity, 2, "Set"};
+            return event.As<ValueSet>()->previous ? Activity{kValueActivity, 3, "Modify"}
+                                                  : Activity{kValueActivity, 2, "Set"};
         case RecordType::kValueDeleted:
             return {kValueActivity, 4, "Delete"};
         case RecordType::kValueEnumerated:
@@ -73,6 +75,26 @@ Activity ActivityOf(const Event& event) {
     return {kKeyActivity, kOther, "Close"};
 }
 
+void PutActivity(TextSink& out, const Activity& activity) {
+    const std::string_view className =
+        activity.classId == kKeyActivity ? "Registry Key Activity" : "Registry Value Activity";
+    out.Put("\"class_uid\":");
+    out.Number(activity.classId);
+    out.Put(",\"class_name\":\"");
+    out.Put(className);
+    out.Put("\",\"category_uid\":1,\"category_name\":\"System Activity\",\"activity_id\":");
+    out.Number(activity.id);
+    out.Put(",\"activity_name\":\"");
+    out.Put(activity.name);
+    out.Put("\",\"type_uid\":");
+    out.Number(activity.classId * 100 + activity.id);
+    out.Put(",\"type_name\":\"");
+    out.Put(className);
+    out.Put(": ");
+    out.Put(activity.id == kOther ? "Other" : activity.name);
+    out.Put('"');
+}
+
 /// The schema's number for a value type.
 std::uint32_t TypeId(std::uint32_t type) {
     switch (type) {
@@ -99,10 +121,24 @@ std::uint32_t TypeId(std::uint32_t type) {
     }
 }
 
-void PutPath(TextSink& out, const std::optional<std::u16string_view>& key) {
-    const ShortPath path = key ? ShortenPath(*key) : ShortPath{};
-    out.Put(path.root == "HKLM" ? "HKEY_LOCAL_MACHINE" : path.root == "HKU" ? "HKEY_USERS" : "");
-    out.JsonText(path.rest);
+void PutSigned(TextSink& out, std::int64_t number) {
+    if (number < 0) {
+        out.Put('-');
+    }
+    out.Number(static_cast<std::uint64_t>(std::abs(number)));
+}
+
+std::string PathText(std::u16string_view key) {
+    TextBuffer text;
+    {
+        TextSink out(text);
+        const ShortPath path = ShortenPath(key);
+        out.Put(path.root == "HKLM"  ? "HKEY_LOCAL_MACHINE"
+                : path.root == "HKU" ? "HKEY_USERS"
+                                     : "");
+        out.JsonText(path.rest);
+    }
+    return fmt::to_string(text);
 }
 
 void PutStrings(TextSink& out, Bytes data) {
@@ -148,18 +184,19 @@ Value FromInformation(std::optional<WireText> name, std::uint32_t informationCla
 }
 
 /// `dataType`: what the data is read as.
-void PutValue(TextSink& out, const Event& event, const Value& value, std::uint32_t dataType) {
+void PutValue(TextSink& out, std::string_view path, const Value& value, std::uint32_t dataType) {
     const WireText name = value.name.value_or(WireText());
     out.Put("{\"name\":");
     PutJsonString(out, name);
     out.Put(",\"path\":\"");
-    PutPath(out, event.key);
+    out.Put(path);
     out.Put("\",\"is_default\":");
     out.Put(value.name && name.empty() ? "true" : "false");
     if (value.type) {
-        const std::string_view typeName = ValueTypeName(*value.type);
-        out.Format(",\"type\":\"{}\",\"type_id\":{}", typeName.empty() ? "Other" : typeName,
-                   TypeId(*value.type));
+        out.Put(",\"type\":");
+        PutJsonValueType(out, *value.type);
+        out.Put(",\"type_id\":");
+        out.Number(TypeId(*value.type));
     }
     if (value.data) {
         out.Put(",\"data\":");
@@ -168,11 +205,11 @@ void PutValue(TextSink& out, const Event& event, const Value& value, std::uint32
     out.Put('}');
 }
 
-void PutKey(TextSink& out, const Event& event) {
-    if (const auto* renamed = std::get_if<KeyRenamed>(&event.payload)) {
+void PutKey(TextSink& out, std::string_view path, const Event& event) {
+    if (const auto renamed = event.As<KeyRenamed>()) {
         out.Put("\"reg_key\":{\"path\":\"");
-        if (event.key) {
-            PutPath(out, event.key->substr(0, event.key->rfind(u'\\') + 1));
+        if (event.Key()) {
+            out.Put(PathText(event.Key()->substr(0, event.Key()->rfind(u'\\') + 1)));
         }
         out.JsonText(renamed->newName);
         out.Put("\"},\"prev_");
@@ -180,9 +217,9 @@ void PutKey(TextSink& out, const Event& event) {
         out.Put('"');
     }
     out.Put("reg_key\":{\"path\":\"");
-    PutPath(out, event.key);
+    out.Put(path);
     out.Put('"');
-    if (const auto* queried = std::get_if<KeySecurityQueried>(&event.payload)) {
+    if (const auto queried = event.As<KeySecurityQueried>()) {
         out.Put(",\"security_descriptor\":\"");
         PutDescriptor(out, queried->descriptor);
         out.Put('"');
@@ -216,23 +253,25 @@ public:
     void Append(const Event& event, TextBuffer& buffer) override {
         TextSink out(buffer);
         const auto put = [&](const Value& value) { AppendValue(out, event, value); };
-        if (const auto* set = std::get_if<ValueSet>(&event.payload)) {
+        if (const auto set = event.As<ValueSet>()) {
             AppendValueSet(out, event, *set);
-        } else if (const auto* deleted = std::get_if<ValueDeleted>(&event.payload)) {
+        } else if (const auto deleted = event.As<ValueDeleted>()) {
             put({deleted->value, std::nullopt, std::nullopt});
-        } else if (const auto* enumerated = std::get_if<ValueEnumerated>(&event.payload)) {
+        } else if (const auto enumerated = event.As<ValueEnumerated>()) {
             put(FromInformation(std::nullopt, enumerated->informationClass, enumerated->data));
-        } else if (const auto* queried = std::get_if<ValueQueried>(&event.payload)) {
+        } else if (const auto queried = event.As<ValueQueried>()) {
             put(FromInformation(queried->value, queried->informationClass, queried->data));
-        } else if (const auto* values = std::get_if<ValuesQueried>(&event.payload)) {
+        } else if (const auto values = event.As<ValuesQueried>()) {
             for (std::uint32_t i = 0; i < values->size(); ++i) {
                 const QueriedValue value = (*values)[i];
                 put({value.value, value.type, CapturedData{value.size, value.data}});
             }
         } else {
             PutCommon(out, event);
-            PutKey(out, event);
-            out.Format(",\"unmapped\":{{\"record\":\"{}\"", RecordName(event.type));
+            PutKey(out, Path(event), event);
+            out.Put(",\"unmapped\":{\"record\":\"");
+            out.Put(RecordName(event.Type()));
+            out.Put('"');
             PutPayloadKeys(out, event);
             out.Put("}}\n");
         }
@@ -242,52 +281,51 @@ private:
     void AppendValue(TextSink& out, const Event& event, const Value& value) {
         PutCommon(out, event);
         out.Put("\"reg_value\":");
-        PutValue(out, event, value, value.type.value_or(kRegBinary));
+        PutValue(out, Path(event), value, value.type.value_or(kRegBinary));
         out.Put("}\n");
     }
 
     void AppendValueSet(TextSink& out, const Event& event, const ValueSet& set) {
         PutCommon(out, event);
         out.Put("\"reg_value\":");
-        PutValue(out, event, {set.value, set.type, set.data}, set.type);
+        PutValue(out, Path(event), {set.value, set.type, set.data}, set.type);
         if (set.previous) {
             out.Put(",\"prev_reg_value\":");  // whose type is not recorded
-            PutValue(out, event, {set.value, std::nullopt, set.previous}, set.type);
+            PutValue(out, Path(event), {set.value, std::nullopt, set.previous}, set.type);
         }
         out.Put("}\n");
     }
 
+    /// As text in JSON; valid until the next call.
+    std::string_view Path(const Event& event) {
+        return event.Key() ? std::string_view(paths_.Get(*event.Key(), PathText)) : "";
+    }
+
     /// Everything but the key or value.
     void PutCommon(TextSink& out, const Event& event) {
-        const Activity activity = ActivityOf(event);
-        const std::string_view className =
-            activity.classId == kKeyActivity ? "Registry Key Activity" : "Registry Value Activity";
-        out.Format(
-            "{{\"class_uid\":{0},\"class_name\":\"{1}\",\"category_uid\":1,"
-            "\"category_name\":\"System Activity\",\"activity_id\":{2},"
-            "\"activity_name\":\"{3}\",\"type_uid\":{4},\"type_name\":\"{1}: {3}\",",
-            static_cast<std::uint32_t>(activity.classId), className, activity.id, activity.name,
-            activity.classId * 100 + activity.id);
-        out.Format(
-            "\"time\":{},\"severity_id\":1,\"severity\":\"Informational\","
-            "\"status_id\":1,\"status\":\"Success\",",
-            UnixMilliseconds(event.systemTime));
+        out.Put('{');
+        PutActivity(out, ActivityOf(event));
+        out.Put(",\"time\":");
+        PutSigned(out, UnixMilliseconds(event.SystemTime()));
         out.Put(
+            ",\"severity_id\":1,\"severity\":\"Informational\",\"status_id\":1,"
+            "\"status\":\"Success\","
             "\"metadata\":{\"version\":\"1.3.0\",\"product\":{\"name\":\"zpregmon\","
             "\"vendor_name\":\"zpregflt\"},\"extensions\":[{\"name\":\"win\",\"uid\":\"2\","
             "\"version\":\"1.3.0\"}],\"original_time\":\"");
-        out.Put(time_.Write(event.systemTime));
+        out.Put(time_.Write(event.SystemTime()));
         out.Put(
             "Z\"},\"device\":{\"name\":\"unknown\",\"type_id\":0,\"type\":\"Unknown\","
             "\"os\":{\"name\":\"Windows\",\"type_id\":100,\"type\":\"Windows\"}},"
             "\"actor\":{\"process\":{");
-        out.Put(processes_.Get(event.processId));
+        out.Put(processes_.Get(event.ProcessId()));
         out.Put(",\"uid\":\"0x");
-        out.Hex64(event.processKey);
+        out.Hex64(event.ProcessKey());
         out.Put("\"}},");
     }
 
     EventTimeText time_;
+    PathTextCache paths_;
     ProcessTextCache processes_;
 };
 

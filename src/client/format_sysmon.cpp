@@ -3,13 +3,12 @@
 #include "client/event_time.h"
 #include "client/format.h"
 #include "client/json_text.h"
+#include "client/path_text.h"
 #include "client/process_text.h"
 #include "client/registry_path.h"
 #include "client/system_names.h"
 
 #include <fmt/format.h>
-
-#include <algorithm>
 
 namespace zpregmon {
 
@@ -53,14 +52,11 @@ bool StartsWith(WireText text, std::u16string_view lowerCase) {
 }
 
 /// Rules know the control set in use by its link, HKLM\System\CurrentControlSet.
-void PutPath(TextSink& out, const std::optional<std::u16string_view>& key) {
+void PutPath(TextSink& out, std::u16string_view key) {
     constexpr std::u16string_view kControlSet = u"\\system\\controlset";
     constexpr std::size_t kSystem = std::u16string_view(u"\\system").size();
     constexpr std::size_t kDigits = 3;
-    if (!key) {
-        return;
-    }
-    const ShortPath path = ShortenPath(*key);
+    const ShortPath path = ShortenPath(key);
     out.Put(path.root);
     if (path.root == "HKLM" && StartsWith(path.rest, kControlSet)) {
         const WireText behind = path.rest.Substring(kControlSet.size());
@@ -75,8 +71,19 @@ void PutPath(TextSink& out, const std::optional<std::u16string_view>& key) {
     out.JsonText(path.rest);
 }
 
-void PutTarget(TextSink& out, const Event& event) {
-    PutPath(out, event.key);
+std::string PathText(std::u16string_view key) {
+    TextBuffer text;
+    {
+        TextSink out(text);
+        PutPath(out, key);
+    }
+    return fmt::to_string(text);
+}
+
+void PutTarget(TextSink& out, const Event& event, PathTextCache& paths) {
+    if (event.Key()) {
+        out.Put(paths.Get(*event.Key(), PathText));
+    }
     if (const std::optional<WireText> value = ValueOf(event)) {
         out.JsonText(u"\\");
         if (value->empty()) {
@@ -105,8 +112,8 @@ void PutDetails(TextSink& out, const ValueSet& set) {
 
 /// The new name in the place of the path's last part.
 void PutNewName(TextSink& out, const Event& event, const KeyRenamed& renamed) {
-    if (event.key) {
-        PutPath(out, event.key->substr(0, event.key->rfind(u'\\') + 1));
+    if (event.Key()) {
+        PutPath(out, event.Key()->substr(0, event.Key()->rfind(u'\\') + 1));
     }
     out.JsonText(renamed.newName);
 }
@@ -126,7 +133,7 @@ public:
     explicit SysmonFormat(const ProcessImages* images) : processes_(images, ProcessKeys) {}
 
     void Append(const Event& event, TextBuffer& buffer) override {
-        const Kind kind = KindOf(event.type);
+        const Kind kind = KindOf(event.Type());
         if (kind.type.empty()) {
             return;
         }
@@ -136,14 +143,14 @@ public:
         out.Put(",\"EventType\":\"");
         out.Put(kind.type);
         out.Put("\",\"UtcTime\":\"");
-        PutTime(out, event.systemTime);
-        out.Put(processes_.Get(event.processId));
+        PutTime(out, event.SystemTime());
+        out.Put(processes_.Get(event.ProcessId()));
         out.Put("\",\"TargetObject\":\"");
-        PutTarget(out, event);
-        if (const auto* set = std::get_if<ValueSet>(&event.payload)) {
+        PutTarget(out, event, paths_);
+        if (const auto set = event.As<ValueSet>()) {
             out.Put("\",\"Details\":\"");
             PutDetails(out, *set);
-        } else if (const auto* renamed = std::get_if<KeyRenamed>(&event.payload)) {
+        } else if (const auto renamed = event.As<KeyRenamed>()) {
             out.Put("\",\"NewName\":\"");
             PutNewName(out, event, *renamed);
         }
@@ -154,13 +161,16 @@ private:
     /// 2026-11-22 19:42:51.123
     void PutTime(TextSink& out, std::uint64_t time) {
         constexpr std::size_t kSurplusDecimals = 4;
-        std::string text(time_.Write(time));
-        text.resize(text.size() - kSurplusDecimals);
-        *std::find(text.begin(), text.end(), 'T') = ' ';
-        out.Put(text);
+        std::string_view text = time_.Write(time);
+        text.remove_suffix(kSurplusDecimals);
+        const std::size_t dateEnd = text.find('T');
+        out.Put(text.substr(0, dateEnd));
+        out.Put(' ');
+        out.Put(text.substr(dateEnd + 1));
     }
 
     EventTimeText time_;
+    PathTextCache paths_;
     ProcessTextCache processes_;
 };
 

@@ -116,14 +116,14 @@ public:
 
     void Append(const Event& event, TextBuffer& buffer) override {
         TextSink out(buffer);
-        out.Put(time_.WriteTimeOfDay(event.systemTime).substr(0, widths_.time));
+        out.Put(time_.WriteTimeOfDay(event.SystemTime()).substr(0, widths_.time));
         out.Put(kGap);
-        out.Put(processes_.Get(event.processId));
+        out.Put(processes_.Get(event.ProcessId()));
         out.Put(kGap);
-        PutKind(out, event.type);
+        PutKind(out, event.Type());
         const std::size_t start = out.Size();
         PutKey(out, event);
-        if (event.payload.index() != 0) {
+        if (!event.Has<NoPayload>()) {
             PutDetail(out, event, start);
         }
         out.Put('\n');
@@ -159,9 +159,9 @@ private:
     }
 
     void PutKey(TextSink& out, const Event& event) {
-        if (event.key) {
-            out.Put(
-                paths_.Get(*event.key, [this](std::u16string_view path) { return KeyText(path); }));
+        if (event.Key()) {
+            out.Put(paths_.Get(*event.Key(),
+                               [this](std::u16string_view path) { return KeyText(path); }));
         } else {
             out.Put('-');
         }

@@ -8,17 +8,7 @@ namespace zpregmon {
 
 namespace {
 
-void PutType(TextSink& out, std::uint32_t type) {
-    if (const std::string_view name = ValueTypeName(type); !name.empty()) {
-        out.Put('"');
-        out.Put(name);
-        out.Put('"');
-    } else {
-        out.Format("\"{:#x}\"", type);
-    }
-}
-
-/// One overload for each alternative of Payload.
+/// One overload for each kind of payload.
 struct PayloadKeys {
     TextSink& out;
     zpregflt::RecordType type;
@@ -37,13 +27,13 @@ struct PayloadKeys {
         PutJsonHex(out, data);
     }
 
-    void operator()(const std::monostate&) const {}
+    void operator()(const NoPayload&) const {}
 
     void operator()(const ValueSet& set) const {
         out.Put(",\"value\":");
         PutJsonString(out, set.value);
         out.Put(",\"type\":");
-        PutType(out, set.type);
+        PutJsonValueType(out, set.type);
         out.Put(',');
         SizeAndData(set.data);
         if (set.previous) {
@@ -91,7 +81,7 @@ struct PayloadKeys {
             out.Put(i == 0 ? "{\"value\":" : ",{\"value\":");
             PutJsonStringOrNull(out, value.value);
             out.Put(",\"type\":");
-            PutType(out, value.type);
+            PutJsonValueType(out, value.type);
             out.Put(',');
             SizeAndData({value.size, value.data});
             out.Put('}');
@@ -152,8 +142,18 @@ struct PayloadKeys {
 
 }  // namespace
 
+void PutJsonValueType(TextSink& out, std::uint32_t type) {
+    if (const std::string_view name = ValueTypeName(type); !name.empty()) {
+        out.Put('"');
+        out.Put(name);
+        out.Put('"');
+    } else {
+        out.Format("\"{:#x}\"", type);
+    }
+}
+
 void PutPayloadKeys(TextSink& out, const Event& event) {
-    std::visit(PayloadKeys{out, event.type}, event.payload);
+    event.Visit(PayloadKeys{out, event.Type()});
 }
 
 }  // namespace zpregmon

@@ -11,4 +11,7 @@ class TextSink;
 /// recorded. Nothing for the kinds that have no fields of their own.
 void PutPayloadKeys(TextSink& out, const Event& event);
 
+/// The name of a value type as a JSON string; its number in hex when it has none.
+void PutJsonValueType(TextSink& out, std::uint32_t type);
+
 }  // namespace zpregmon

@@ -7,7 +7,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <optional>
-#include <span>
 #include <vector>
 
 namespace zpregmon {
@@ -18,34 +17,41 @@ namespace zpregmon {
 /// events of it are in use.
 class RecordDecoder {
 public:
-    explicit RecordDecoder(std::span<const std::byte> image);
+    explicit RecordDecoder(Bytes image);
 
-    /// The next record of the chain. False at its end and at the first damage (see Error).
+    /// The next record of the chain. False at its end and at the first damage (see Error): then
+    /// nothing may be asked of the event.
     bool Next(Event& event);
     const std::optional<DecodeError>& Error() const { return error_; }
 
 private:
-    bool Visit(std::size_t place);
-    bool ReadName(std::size_t record, std::int32_t distance, Event& event);
-    [[gnu::noinline]] bool LookUpName(std::size_t place);
-    // These say what is wrong and return false; out of the way of what is done for every record.
-    [[gnu::cold]] bool FailNext(std::int64_t place);
-    [[gnu::cold]] bool FailType(std::size_t place, std::uint32_t type);
-    [[gnu::cold]] bool FailName(std::size_t record, std::int64_t place);
-    [[gnu::cold]] bool Fail(std::uint64_t offset, std::string what);
-
-    std::span<const std::byte> image_;
-    std::size_t place_ = 0;           ///< of the record (or buffer header) that was decoded last
-    std::int32_t distance_ = 0;       ///< from there to the next record; 0: none
-    std::uint64_t recordPlaces_ = 0;  ///< multiples of 8 where a record header can be
-    std::uint64_t namePlaces_ = 0;    ///< and where a path can start
-    std::vector<std::uint64_t> visited_;  ///< one bit for each place where a record can start
-    /// Paths that were looked at: records about one key share its path. 0 is no path's place.
-    struct KnownName {
-        std::size_t place = 0;
+    /// A path that was looked at: records about one key share its path.
+    struct KnownPath {
+        std::size_t place = std::size_t{1} << 63;  ///< at first where no distance leads
         std::size_t units = 0;
     };
-    std::array<KnownName, 64> knownNames_{};
+
+    /// What stands in a field of the record (or buffer header) at `place`. It may lead anywhere:
+    /// places are computed modulo 2^64 and then checked.
+    std::size_t Distance(std::size_t place, std::size_t field) const;
+    std::u16string_view Path(const KnownPath& known) const;
+    bool Visit(std::uint64_t placeNumber);
+    /// The rest of Next for a record whose path, at `place`, is not among the known ones.
+    [[gnu::noinline]] bool DecodeWithNewPath(std::size_t place, Event& event);
+    /// Checks the payload of the record decoded last, and says what is wrong with it.
+    [[gnu::noinline]] bool CheckAndExplain();
+    // These say what is wrong and return false; out of the way of what is done for every record.
+    [[gnu::cold, gnu::noinline]] bool FailNext(std::size_t place);
+    [[gnu::cold, gnu::noinline]] bool FailType();
+    [[gnu::cold, gnu::noinline]] bool FailPath(std::size_t place);
+    [[gnu::cold, gnu::noinline]] bool Fail(std::uint64_t offset, std::string what);
+
+    Bytes image_;
+    std::size_t place_ = 0;           ///< of the record (or buffer header) that was decoded last
+    std::uint64_t recordPlaces_ = 0;  ///< multiples of 8 where a record header can be
+    std::uint64_t pathPlaces_ = 0;    ///< and where a path can start
+    std::vector<std::uint64_t> visited_;  ///< one bit for each place where a record can start
+    std::array<KnownPath, 64> knownPaths_{};
     std::optional<DecodeError> error_;
 };
 

@@ -1,12 +1,13 @@
 // UTF-16 text where it lies in an event buffer.
 #pragma once
 
+#include "client/wire_field.h"
+
 #include <emmintrin.h>
 
 #include <bit>
 #include <cstddef>
 #include <cstring>
-#include <span>
 #include <string>
 #include <string_view>
 
@@ -30,9 +31,7 @@ public:
     bool empty() const { return size_ == 0; }
     const std::byte* data() const { return start_; }
     char16_t operator[](std::size_t index) const {
-        char16_t unit;
-        std::memcpy(&unit, start_ + index * sizeof(unit), sizeof(unit));
-        return unit;
+        return LoadField<char16_t>(start_ + index * sizeof(char16_t));
     }
     WireText Substring(std::size_t from) const {
         return {start_ + from * sizeof(char16_t), size_ - from};
@@ -59,22 +58,28 @@ private:
 inline constexpr std::size_t kNoTextEnd = static_cast<std::size_t>(-1);
 
 /// The number of units before the first zero unit, or kNoTextEnd when there is none.
-inline std::size_t FindTextEnd(std::span<const std::byte> bytes) {
-    // Every processor that the client runs on has SSE2.
-    constexpr std::size_t kAtOnce = sizeof(__m128i);
-    std::size_t at = 0;
-    for (; at + kAtOnce <= bytes.size(); at += kAtOnce) {
-        const __m128i units = _mm_loadu_si128(reinterpret_cast<const __m128i*>(bytes.data() + at));
-        const __m128i zeros = _mm_cmpeq_epi16(units, _mm_setzero_si128());
-        if (const auto mask = static_cast<unsigned>(_mm_movemask_epi8(zeros)); mask != 0) {
-            return (at + static_cast<unsigned>(std::countr_zero(mask))) / sizeof(char16_t);
+inline std::size_t FindTextEnd(Bytes bytes) {
+    // Every processor that the client runs on has SSE2. Most names end within the first step.
+    constexpr std::size_t kAtOnce = 2 * sizeof(__m128i);
+    const std::byte* at = bytes.data();
+    const std::byte* const end = at + bytes.size();
+    const auto before = [&] {
+        return static_cast<std::size_t>(at - bytes.data()) / sizeof(char16_t);
+    };
+    for (; static_cast<std::size_t>(end - at) >= kAtOnce; at += kAtOnce) {
+        const auto* const units = reinterpret_cast<const __m128i*>(at);
+        const __m128i zero = _mm_setzero_si128();
+        const __m128i first = _mm_cmpeq_epi16(_mm_loadu_si128(units), zero);
+        const __m128i second = _mm_cmpeq_epi16(_mm_loadu_si128(units + 1), zero);
+        // One bit for each unit.
+        const auto zeros = static_cast<unsigned>(_mm_movemask_epi8(_mm_packs_epi16(first, second)));
+        if (zeros != 0) {
+            return before() + static_cast<unsigned>(std::countr_zero(zeros));
         }
     }
-    for (; at + sizeof(char16_t) <= bytes.size(); at += sizeof(char16_t)) {
-        char16_t unit;
-        std::memcpy(&unit, bytes.data() + at, sizeof(unit));
-        if (unit == 0) {
-            return at / sizeof(char16_t);
+    for (; static_cast<std::size_t>(end - at) >= sizeof(char16_t); at += sizeof(char16_t)) {
+        if (LoadField<char16_t>(at) == 0) {
+            return before();
         }
     }
     return kNoTextEnd;

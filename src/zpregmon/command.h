@@ -11,7 +11,9 @@ namespace zpregmon {
 /// The program's exit status.
 enum ExitStatus {
     kWell = 0,
-    kFault = 1,     ///< something disagrees, was lost or is damaged, or output cannot be written
+    /// Something disagrees, was lost or is damaged, output cannot be written, or the driver or the
+    /// system refuses.
+    kFault = 1,
     kUnusable = 2,  ///< the command line or the input cannot be used
 };
 
@@ -26,9 +28,10 @@ using ChosenCommand = std::function<int()>;
 
 /// Each adds its command to the command line; when it is the one that is given, `chosen` becomes
 /// what carries it out.
-void AddReplayCommand(CLI::App& app, ChosenCommand& chosen);
 void AddDecodeCommand(CLI::App& app, ChosenCommand& chosen);
 void AddSummaryCommand(CLI::App& app, ChosenCommand& chosen);
 void AddFormatsCommand(CLI::App& app, ChosenCommand& chosen);
+/// The commands that only the system has that the program is built for.
+void AddSystemCommands(CLI::App& app, ChosenCommand& chosen);
 
 }  // namespace zpregmon

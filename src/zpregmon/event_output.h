@@ -36,7 +36,9 @@ public:
     /// False once nobody reads or nothing can be written.
     bool IsOpen() const { return writer_.State() == OutputState::kOpen; }
     bool IsTerminal() const;
-    /// Writes what is pending; says on standard error when that failed.
+    /// Writes what is pending.
+    OutputState Flush() { return writer_.Flush(); }
+    /// The same, at the end; says on standard error when writing failed.
     OutputState Finish();
 
 private:

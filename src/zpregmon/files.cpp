@@ -12,8 +12,13 @@ namespace zpregmon {
 
 namespace {
 
+/// A plain string would be taken for text of the system's own encoding.
+std::filesystem::path PathOf(const std::string& text) {
+    return std::u8string(text.begin(), text.end());
+}
+
 File Open(const std::string& path, const char* mode, std::FILE* standard, const char* purpose) {
-    File file(path == "-" ? standard : std::fopen(path.c_str(), mode));
+    File file(path == "-" ? standard : OpenFile(path, mode));
     if (!file) {
         throw UsageError(fmt::format("{}: cannot {}: {}", path, purpose, std::strerror(errno)));
     }
@@ -23,7 +28,7 @@ File Open(const std::string& path, const char* mode, std::FILE* standard, const 
 }  // namespace
 
 File OpenToRead(const std::string& path) {
-    if (std::error_code error; path != "-" && std::filesystem::is_directory(path, error)) {
+    if (std::error_code error; path != "-" && std::filesystem::is_directory(PathOf(path), error)) {
         throw UsageError(fmt::format("{}: cannot read: it is a directory", path));
     }
     return Open(path, "rb", stdin, "open");
@@ -39,8 +44,8 @@ void CheckWritable(const std::string& path) {
 
 void CheckDifferent(const std::string& input, const std::string& output) {
     std::error_code error;
-    if (input != "-" && output != "-" && std::filesystem::is_regular_file(input, error) &&
-        std::filesystem::equivalent(input, output, error)) {
+    if (input != "-" && output != "-" && std::filesystem::is_regular_file(PathOf(input), error) &&
+        std::filesystem::equivalent(PathOf(input), PathOf(output), error)) {
         throw UsageError(fmt::format("{}: cannot write: it is read, too", output));
     }
 }

@@ -17,6 +17,9 @@ struct CloseFile {
 };
 using File = std::unique_ptr<std::FILE, CloseFile>;
 
+/// As std::fopen; the path is UTF-8 on every system.
+std::FILE* OpenFile(const std::string& path, const char* mode);
+
 /// Throw UsageError. A file to write is made anew.
 File OpenToRead(const std::string& path);
 File OpenToWrite(const std::string& path);

@@ -1,7 +1,6 @@
-// What the program asks of the system that it runs on: terminals and signals.
+// What the program asks of the system about its standard streams and terminals.
 #pragma once
 
-#include <atomic>
 #include <cstddef>
 #include <cstdio>
 
@@ -15,15 +14,5 @@ bool IsTerminal(std::FILE* file);
 std::size_t TerminalColumnsOf(std::FILE* file);
 /// Colour is for terminals, unless the environment has a NO_COLOR that is not empty.
 bool WantsColour(std::FILE* file);
-
-/// While it exists, the first interruption by the user sets `stop`; the second one ends the
-/// program. One at a time.
-class InterruptScope {
-public:
-    explicit InterruptScope(std::atomic<bool>& stop);
-    ~InterruptScope();
-    InterruptScope(const InterruptScope&) = delete;
-    InterruptScope& operator=(const InterruptScope&) = delete;
-};
 
 }  // namespace zpregmon

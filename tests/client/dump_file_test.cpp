@@ -41,8 +41,8 @@ Contents Read(std::span<const std::byte> bytes) {
     DumpFileReader reader(file.get());
     Contents contents;
     for (Event event; reader.Next(event);) {
-        contents.processIds.push_back(event.processId);
-        EXPECT_TRUE(event.key);
+        contents.processIds.push_back(event.ProcessId());
+        EXPECT_TRUE(event.Key());
     }
     contents.error = reader.Error();
     contents.blocks = reader.BlocksRead();

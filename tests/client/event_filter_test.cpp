@@ -99,11 +99,14 @@ TEST(EventFilter, SaysWhatIsWrongWithARule) {
 TEST(EventSummary, CountsAndDraws) {
     EventSummary summary({.top = 2, .depth = 2, .columns = 0});
     EXPECT_EQ(summary.Describe(), "           0  events\n");
-    const std::vector<std::byte> image = EveryKind();
+    std::vector<std::byte> image = EveryKind();
     RecordDecoder decoder(image);
     for (Event event; decoder.Next(event);) {
-        event.systemTime += summary.Events() * 10'000'000;  // one a second
-        event.processId = summary.Events() % 4 == 0 ? 7 : 32;
+        std::byte* const record = &*(image.end() - event.Record().size());
+        auto header = LoadField<zpregflt::RecordHeader>(record);
+        header.SystemTime += summary.Events() * 10'000'000;  // one a second
+        header.ProcessId = summary.Events() % 4 == 0 ? 7 : 32;
+        std::memcpy(record, &header, sizeof(header));
         summary.Add(event);
     }
     const std::string text = summary.Describe();

@@ -1,5 +1,7 @@
 #include "client/event_writer.h"
 
+#include "client/made_event.h"
+
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <unistd.h>
@@ -19,13 +21,13 @@ class NumberFormat final : public EventFormat {
 public:
     void AppendHeading(TextBuffer& out) override { fmt::format_to(fmt::appender(out), "ids\n"); }
     void Append(const Event& event, TextBuffer& out) override {
-        fmt::format_to(fmt::appender(out), "{}\n", event.processId);
+        fmt::format_to(fmt::appender(out), "{}\n", event.ProcessId());
     }
 };
 
-Event Numbered(std::uint32_t number) {
-    Event event{};
-    event.processId = number;
+MadeEvent Numbered(std::uint32_t number) {
+    MadeEvent event;
+    event.header.ProcessId = number;
     return event;
 }
 

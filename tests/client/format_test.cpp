@@ -1,5 +1,6 @@
 #include "client/format.h"
 
+#include "client/made_event.h"
 #include "client/vocabulary.h"
 
 #include <gtest/gtest.h>
@@ -24,8 +25,9 @@ public:
 /// 22 November 2026, 19:42:51.1234567.
 constexpr std::uint64_t kTime = 134398501711234567;
 
-Event MakeEvent(RecordType type, std::optional<std::u16string_view> key) {
-    return {type, 32, 0x1DD7AE98C5BCB2F, kTime, 0x402, key, 8};
+/// Without a key when the path is null.
+MadeEvent MakeEvent(RecordType type, std::u16string_view key) {
+    return {{type, 0, 32, 0, 0x1DD7AE98C5BCB2F, kTime, 0x402, 0}, key};
 }
 
 std::string Format(std::string_view name, const Event& event,
@@ -76,7 +78,7 @@ TEST(JsonLines, EveryKindHasTheCommonKeysInTheirOrder) {
 
 TEST(JsonLines, KeyCreated) {
     const KnownImages images;
-    EXPECT_EQ(Format("jsonl", MakeEvent(RecordType::kKeyCreated, std::nullopt), &images),
+    EXPECT_EQ(Format("jsonl", MakeEvent(RecordType::kKeyCreated, {}), &images),
               "{\"record\":\"key-created\",\"time\":\"2026-11-22T19:42:51.1234567Z\",\"pid\":32,"
               "\"image\":\"\\\\Device\\\\HarddiskVolume1\\\\windows\\\\r\u00E9g.exe\","
               "\"process_key\":\"0x01dd7ae98c5bcb2f\","
@@ -109,8 +111,8 @@ TEST(JsonLines, TextBecomesJsonStrings) {
 }
 
 TEST(JsonLines, UnknownOperationBitsAreKept) {
-    Event event = MakeEvent(RecordType::kKeyCreated, std::nullopt);
-    event.operations = 0x80200001;
+    MadeEvent event = MakeEvent(RecordType::kKeyCreated, {});
+    event.header.KeyOperations = 0x80200001;
     EXPECT_NE(Format("jsonl", event)
                   .find("\"operations\":[\"DeleteKey\",\"QueryKeyName\",\"0x80000000\"]"),
               std::string::npos);
@@ -122,7 +124,7 @@ TEST(Table, KeyCreated) {
         Format("table", MakeEvent(RecordType::kKeyCreated, u"\\Registry\\Machine\\Soft"), &images),
         "19:42:51.1234567  r\u00E9g.exe                        32  key-created           "
         "HKLM\\Soft\n");
-    EXPECT_EQ(Format("table", MakeEvent(RecordType::kKeyDeleted, std::nullopt)),
+    EXPECT_EQ(Format("table", MakeEvent(RecordType::kKeyDeleted, {})),
               "19:42:51.1234567  -                              32  key-deleted           -\n");
 }
 
@@ -156,9 +158,9 @@ TEST(Formats, KeepNothingThatIsOutOfDate) {
     settings.images = &images;
     const auto format = MakeJsonLinesFormat(settings);
     const auto line = [&](std::uint32_t pid, std::uint64_t time) {
-        Event event = MakeEvent(RecordType::kKeyCreated, std::nullopt);
-        event.processId = pid;
-        event.systemTime = time;
+        MadeEvent event = MakeEvent(RecordType::kKeyCreated, {});
+        event.header.ProcessId = pid;
+        event.header.SystemTime = time;
         TextBuffer out;
         format->Append(event, out);
         return fmt::to_string(out);

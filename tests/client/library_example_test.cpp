@@ -18,8 +18,8 @@ namespace zpregmon {
 void PrintSetValues(std::FILE* dump) {
     DumpFileReader reader(dump);
     for (Event event; reader.Next(event);) {
-        if (const auto* set = std::get_if<ValueSet>(&event.payload)) {
-            fmt::print("{} {}: {} bytes, {} captured\n", event.processId, ToTerminal(set->value),
+        if (const auto set = event.As<ValueSet>()) {
+            fmt::print("{} {}: {} bytes, {} captured\n", event.ProcessId(), ToTerminal(set->value),
                        set->data.size, set->data.captured.size());
         }
     }

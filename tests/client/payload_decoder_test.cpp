@@ -31,13 +31,13 @@ TEST(PayloadDecoder, DecodesEveryKind) {
     std::set<RecordType> kinds;
     for (Event event; decoder.Next(event);) {
         events.push_back(event);
-        kinds.insert(event.type);
-        EXPECT_EQ(event.key, kExampleKey);
+        kinds.insert(event.Type());
+        EXPECT_EQ(event.Key(), kExampleKey);
     }
     ASSERT_FALSE(decoder.Error()) << decoder.Error()->what;
     ASSERT_EQ(kinds.size(), zpregflt::kLastRecordType);
 
-    const auto& start = std::get<ValueSet>(events[0].payload);
+    const auto start = events[0].As<ValueSet>().value();
     EXPECT_EQ(start.value, u"Start");
     EXPECT_EQ(start.type, 4U);
     EXPECT_EQ(start.data.size, 4U);
@@ -45,25 +45,26 @@ TEST(PayloadDecoder, DecodesEveryKind) {
     ASSERT_TRUE(start.previous);
     EXPECT_EQ(start.previous->size, 4U);
     EXPECT_EQ(Hex(start.previous->captured), "03000000");
-    EXPECT_EQ(start.data.captured.data(), image.data() + events[0].offset + 68) << "not copied";
+    EXPECT_EQ(start.data.captured.data(), events[0].Record().data() + 68) << "not copied";
 
-    const auto& blob = std::get<ValueSet>(events[3].payload);
+    const auto blob = events[3].As<ValueSet>().value();
     EXPECT_EQ(blob.value.Copy(), u"Blob");
     EXPECT_EQ(blob.data.size, 100U);
     EXPECT_EQ(Hex(blob.data.captured), "dead01");
     EXPECT_FALSE(blob.previous);
 
-    EXPECT_EQ(std::get<ValueDeleted>(events[4].payload).value, u"Start");
-    const auto& enumerated = std::get<ValueEnumerated>(events[5].payload);
+    EXPECT_EQ(events[4].As<ValueDeleted>()->value, u"Start");
+    EXPECT_FALSE(events[4].As<ValueSet>()) << "of another kind";
+    const auto enumerated = events[5].As<ValueEnumerated>().value();
     EXPECT_EQ(enumerated.index, 3U);
     EXPECT_EQ(enumerated.informationClass, 1U);
     EXPECT_EQ(enumerated.data.size(), 36U);
-    const auto& queried = std::get<ValueQueried>(events[6].payload);
+    const auto queried = events[6].As<ValueQueried>().value();
     EXPECT_EQ(queried.value, u"Start");
     EXPECT_EQ(queried.informationClass, 2U);
     EXPECT_EQ(Hex(queried.data), "00000000040000000400000002000000");
 
-    const auto& values = std::get<ValuesQueried>(events[7].payload);
+    const auto values = events[7].As<ValuesQueried>().value();
     ASSERT_EQ(values.size(), 3U);
     EXPECT_EQ(values[0].value, u"a");
     EXPECT_EQ(Hex(values[0].data), "07000000");
@@ -74,24 +75,24 @@ TEST(PayloadDecoder, DecodesEveryKind) {
     EXPECT_EQ(values[2].size, 9U);
     EXPECT_TRUE(values[2].data.empty());
 
-    EXPECT_EQ(std::get<KeyRenamed>(events[9].payload).newName, u"Dhcp2");
-    EXPECT_EQ(std::get<KeyInformation>(events[11].payload).informationClass, 2U);
-    EXPECT_EQ(std::get<HiveLoaded>(events[12].payload).name, u"\\REGISTRY\\USER\\x");
-    EXPECT_EQ(std::get<HiveLoaded>(events[12].payload).file, u"\\??\\C:\\x.dat");
-    EXPECT_EQ(std::get<FileOperation>(events[13].payload).file, u"\\Device\\x.hv");
-    EXPECT_EQ(std::get<FileOperation>(events[13].payload).options, 2U);
-    EXPECT_FALSE(std::get<FileOperation>(events[14].payload).file);
-    EXPECT_EQ(std::get<KeyReplaced>(events[15].payload).newFile, u"new");
-    EXPECT_EQ(std::get<KeyReplaced>(events[15].payload).oldFile, u"old");
+    EXPECT_EQ(events[9].As<KeyRenamed>()->newName, u"Dhcp2");
+    EXPECT_EQ(events[11].As<KeyInformation>()->informationClass, 2U);
+    EXPECT_EQ(events[12].As<HiveLoaded>()->name, u"\\REGISTRY\\USER\\x");
+    EXPECT_EQ(events[12].As<HiveLoaded>()->file, u"\\??\\C:\\x.dat");
+    EXPECT_EQ(events[13].As<FileOperation>()->file, u"\\Device\\x.hv");
+    EXPECT_EQ(events[13].As<FileOperation>()->options, 2U);
+    EXPECT_FALSE(events[14].As<FileOperation>()->file);
+    EXPECT_EQ(events[15].As<KeyReplaced>()->newFile, u"new");
+    EXPECT_EQ(events[15].As<KeyReplaced>()->oldFile, u"old");
 
-    const auto& security = std::get<KeySecuritySet>(events[22].payload);
+    const auto security = events[22].As<KeySecuritySet>().value();
     ASSERT_TRUE(security.owner && security.dacl);
     EXPECT_FALSE(security.group || security.sacl);
     EXPECT_EQ(Hex(security.owner->before), "010100000000000512000000");
     EXPECT_EQ(Hex(security.owner->after), "010100000000000513000000");
     EXPECT_EQ(security.dacl->after.size(), 28U);
-    EXPECT_EQ(std::get<KeySecurityQueried>(events[23].payload).information, 7U);
-    EXPECT_EQ(std::get<KeySecurityQueried>(events[23].payload).descriptor.size(), 72U);
+    EXPECT_EQ(events[23].As<KeySecurityQueried>()->information, 7U);
+    EXPECT_EQ(events[23].As<KeySecurityQueried>()->descriptor.size(), 72U);
 }
 
 struct Damage {
@@ -110,7 +111,8 @@ TEST_P(DamagedRecord, NamesItsPlace) {
     RecordDecoder decoder(chain.Bytes());
     Event event;
     ASSERT_TRUE(decoder.Next(event));
-    const std::size_t record = event.offset + sizeof(zpregflt::RecordHeader);
+    const std::size_t record =
+        chain.Bytes().size() - event.Record().size() + sizeof(zpregflt::RecordHeader);
     EXPECT_FALSE(decoder.Next(event));
     ASSERT_TRUE(decoder.Error());
     EXPECT_EQ(decoder.Error()->offset, record + damage.offset) << decoder.Error()->what;
@@ -185,7 +187,7 @@ TEST(PayloadDecoder, SurvivesEveryChangedByteAndCut) {
         std::size_t seen = 0;
         RecordDecoder decoder(image);
         for (Event event; decoder.Next(event);) {
-            if (const auto* values = std::get_if<ValuesQueried>(&event.payload)) {
+            if (const auto values = event.As<ValuesQueried>()) {
                 for (std::uint32_t i = 0; i < values->size(); ++i) {
                     seen += Hex((*values)[i].data).size();
                 }

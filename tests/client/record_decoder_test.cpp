@@ -12,6 +12,7 @@ namespace {
 
 struct Decoded {
     std::vector<Event> events;
+    std::vector<std::size_t> places;
     std::optional<DecodeError> error;
 };
 
@@ -20,6 +21,7 @@ Decoded Decode(std::span<const std::byte> image) {
     RecordDecoder decoder(image);
     for (Event event; decoder.Next(event);) {
         decoded.events.push_back(event);
+        decoded.places.push_back(image.size() - event.Record().size());
     }
     Event beyond;
     EXPECT_FALSE(decoder.Next(beyond)) << "the end stays the end";
@@ -29,14 +31,14 @@ Decoded Decode(std::span<const std::byte> image) {
 
 TEST(RecordDecoder, YieldsRecordsAndTheirSharedPath) {
     const auto builder = TwoRecords();
-    const auto [events, error] = Decode(builder.Bytes());
+    const auto [events, places, error] = Decode(builder.Bytes());
     ASSERT_FALSE(error) << error->what;
     ASSERT_EQ(events.size(), 2U);
-    EXPECT_EQ(events[0].key, u"\\A\\Key");
-    EXPECT_EQ(events[1].key, u"\\A\\Key");
-    EXPECT_EQ(events[0].key->data(), events[1].key->data()) << "text stays in the buffer";
-    EXPECT_EQ(events[1].processId, 112U);
-    EXPECT_EQ(events[1].offset, 112U);
+    EXPECT_EQ(events[0].Key(), u"\\A\\Key");
+    EXPECT_EQ(events[1].Key(), u"\\A\\Key");
+    EXPECT_EQ(events[0].Key()->data(), events[1].Key()->data()) << "text stays in the buffer";
+    EXPECT_EQ(events[1].ProcessId(), 112U);
+    EXPECT_EQ(places[1], 112U);
 }
 
 TEST(RecordDecoder, TakesOverEveryFieldOfTheHeader) {
@@ -47,31 +49,31 @@ TEST(RecordDecoder, TakesOverEveryFieldOfTheHeader) {
     header.SystemTime = 0x0123456789ABCDEF;
     header.KeyOperations = 0x402;
     const auto builder = BufferBuilder(64).First(16).Put(16, header);
-    const auto [events, error] = Decode(builder.Bytes());
+    const auto [events, places, error] = Decode(builder.Bytes());
     ASSERT_FALSE(error);
     ASSERT_EQ(events.size(), 1U);
-    EXPECT_EQ(events[0].type, zpregflt::RecordType::kKeyFlushed);
-    EXPECT_EQ(events[0].processId, 0x11223344U);
-    EXPECT_EQ(events[0].processKey, 0x5566778899AABBCCU);
-    EXPECT_EQ(events[0].systemTime, 0x0123456789ABCDEFU);
-    EXPECT_EQ(events[0].operations, 0x402U);
-    EXPECT_EQ(events[0].key, std::nullopt);
+    EXPECT_EQ(events[0].Type(), zpregflt::RecordType::kKeyFlushed);
+    EXPECT_EQ(events[0].ProcessId(), 0x11223344U);
+    EXPECT_EQ(events[0].ProcessKey(), 0x5566778899AABBCCU);
+    EXPECT_EQ(events[0].SystemTime(), 0x0123456789ABCDEFU);
+    EXPECT_EQ(events[0].Operations(), 0x402U);
+    EXPECT_EQ(events[0].Key(), std::nullopt);
 }
 
 TEST(RecordDecoder, FollowsTheChainBackwards) {
     const auto builder =
         BufferBuilder(256).First(104).Record(104, -96, 0).Record(8, 56, 0).Record(64, 0, 0);
-    const auto [events, error] = Decode(builder.Bytes());
+    const auto [events, places, error] = Decode(builder.Bytes());
     ASSERT_FALSE(error);
     ASSERT_EQ(events.size(), 3U);
-    EXPECT_EQ(events[0].offset, 104U);
-    EXPECT_EQ(events[1].offset, 8U);
-    EXPECT_EQ(events[2].offset, 64U);
+    EXPECT_EQ(places[0], 104U);
+    EXPECT_EQ(places[1], 8U);
+    EXPECT_EQ(places[2], 64U);
 }
 
 TEST(RecordDecoder, EmptyBufferHasNoEvents) {
     const auto builder = BufferBuilder(8).First(0);
-    const auto [events, error] = Decode(builder.Bytes());
+    const auto [events, places, error] = Decode(builder.Bytes());
     EXPECT_TRUE(events.empty());
     EXPECT_FALSE(error);
 }
@@ -82,10 +84,10 @@ TEST(RecordDecoder, FindsTheEndOfPathsOfEveryLength) {
         std::u16string path(length, u'\x8001');  // the high bit must not look like an end
         const auto builder =
             BufferBuilder(48 + (length + 1) * 2).First(8).Record(8, 0, 40).Text(48, path);
-        const auto [events, error] = Decode(builder.Bytes());
+        const auto [events, places, error] = Decode(builder.Bytes());
         ASSERT_FALSE(error) << length;
         ASSERT_EQ(events.size(), 1U);
-        EXPECT_EQ(events[0].key, path);
+        EXPECT_EQ(events[0].Key(), path);
     }
 }
 
@@ -102,7 +104,7 @@ class DamagedBuffer : public testing::TestWithParam<Damage> {};
 TEST_P(DamagedBuffer, GivesEventsBeforeTheDamageAndNamesItsPlace) {
     const Damage& damage = GetParam();
     const auto builder = damage.build();
-    const auto [events, error] = Decode(builder.Bytes());
+    const auto [events, places, error] = Decode(builder.Bytes());
     EXPECT_EQ(events.size(), damage.eventsBefore);
     ASSERT_TRUE(error);
     EXPECT_EQ(error->offset, damage.offset);
@@ -138,7 +140,7 @@ INSTANTIATE_TEST_SUITE_P(RecordDecoder, DamagedBuffer, testing::ValuesIn(kDamage
 
 TEST(RecordDecoder, RefusesAnImageThatIsNotAligned) {
     const auto builder = TwoRecords();
-    const auto [events, error] = Decode(std::span(builder.Bytes()).subspan(2));
+    const auto [events, places, error] = Decode(std::span(builder.Bytes()).subspan(2));
     EXPECT_TRUE(events.empty());
     EXPECT_TRUE(error);
 }

@@ -27,9 +27,9 @@ std::vector<Record> ReadChain(std::span<const std::byte> image) {
     zpregmon::Event event;
     while (decoder.Next(event)) {
         Record record = {};
-        std::memcpy(&record.header, image.data() + event.offset, sizeof(record.header));
-        record.offset = event.offset;
-        if (event.key) record.key.emplace(*event.key);
+        std::memcpy(&record.header, event.Record().data(), sizeof(record.header));
+        record.offset = image.size() - event.Record().size();
+        if (event.Key()) record.key.emplace(*event.Key());
         records.push_back(std::move(record));
     }
     EXPECT_FALSE(decoder.Error()) << decoder.Error()->what << " at " << decoder.Error()->offset;

@@ -84,8 +84,8 @@ void LendingClient::Collect(Loan& loan) {
     zpregmon::RecordDecoder decoder({static_cast<const std::byte*>(loan.memory), kBufferSize});
     zpregmon::Event event;
     while (decoder.Next(event)) {
-        const std::u16string key(event.key.value_or(u"(no name)"));
-        ++delivered_[{static_cast<std::uint32_t>(event.type), key}];
+        const std::u16string key(event.Key().value_or(u"(no name)"));
+        ++delivered_[{static_cast<std::uint32_t>(event.Type()), key}];
     }
     if (decoder.Error()) {
         faults_.push_back("a delivered chain is damaged: " + decoder.Error()->what);

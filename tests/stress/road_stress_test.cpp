@@ -90,8 +90,8 @@ RecordCounts ReadDumpFile(const std::string& path) {
     zpregmon::DumpFileReader reader(file);
     zpregmon::Event event;
     while (reader.Next(event)) {
-        ++counts[{static_cast<std::uint32_t>(event.type),
-                  std::u16string(event.key.value_or(u"(no name)"))}];
+        ++counts[{static_cast<std::uint32_t>(event.Type()),
+                  std::u16string(event.Key().value_or(u"(no name)"))}];
     }
     EXPECT_FALSE(reader.Error()) << reader.Error()->what << " at " << reader.Error()->offset;
     std::fclose(file);

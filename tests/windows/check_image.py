@@ -40,7 +40,7 @@ BINDING = struct.pack("<4I", 1, 11, 9200, 432)
 FRAMEWORK = "KmdfLibrary\0".encode("utf-16-le")
 HANDLER = "__C_specific_handler"
 # What programs may rely on in every Windows.
-SYSTEM_LIBRARIES = {"KERNEL32.dll", "msvcrt.dll"}
+SYSTEM_LIBRARIES = {"ADVAPI32.dll", "KERNEL32.dll", "msvcrt.dll", "ntdll.dll"}
 INITIALISER_NAMES = ("_GLOBAL__", "__cxx_global_var_init", "dynamic initializer")
 
 

@@ -37,18 +37,18 @@ std::vector<std::byte> Copy(const CapturedData& data) {
 }
 
 SeenEvent Keep(const Event& event) {
-    SeenEvent seen{event.type,
-                   event.processId,
-                   event.systemTime,
-                   std::u16string(event.key.value_or(u"no name")),
+    SeenEvent seen{event.Type(),
+                   event.ProcessId(),
+                   event.SystemTime(),
+                   std::u16string(event.Key().value_or(u"no name")),
                    {},
                    {},
                    {}};
-    if (const auto* const set = std::get_if<ValueSet>(&event.payload)) {
+    if (const auto set = event.As<ValueSet>()) {
         seen.valueName = set->value.Copy();
         seen.value = {set->type, Copy(set->data)};
         if (set->previous) seen.previous = Copy(*set->previous);
-    } else if (const auto* const deleted = std::get_if<ValueDeleted>(&event.payload)) {
+    } else if (const auto deleted = event.As<ValueDeleted>()) {
         seen.valueName = deleted->value.Copy();
     }
     return seen;
@@ -155,7 +155,8 @@ TEST_P(SampleTest, ChangesWhatTheRegistryHeld) {
         machine.SetRegistryDword(key, u"made", 1);
     }
     RegistryModel model;
-    RegistryCaller caller;
+    HiveFiles hives;
+    RegistryCaller caller(hives);
     std::map<std::uint32_t, std::unique_ptr<ReplayProcess>> processes;
     RecordedThread thread;
     std::uint64_t compared = 0;
@@ -323,6 +324,63 @@ TEST(Replay, PassesHandlesOn) {
         EXPECT_EQ(parallel.result.replay.operations, 7U);
         EXPECT_EQ(parallel.result.eventsByType, inOrder.result.eventsByType);
     }
+}
+
+/// A hive that is saved can be loaded, under the name that the recorded program gave its file; one
+/// that the recording does not show being made is empty.
+TEST(Replay, LoadsAndSavesHivesAndChangesSecurity) {
+    const std::string done = R"("status":"00000000")";
+    const auto mounted = [](const std::string& op, const std::string& rest) {
+        return R"({"op":")" + op +
+               R"(","pid":32,"tid":36,"root":12,"name":"Loaded",)"
+               R"("attributes":64,)" +
+               rest + "}\n";
+    };
+    const std::string openLoaded = mounted("open-key", done + R"(,"access":131097,"handle":8)");
+    const std::string closeLoaded = Call("close", 32, 8, done);
+    const TemporaryFile file(
+        WorkloadHeader() + Start(32) + CreateKey(32, 4, R"("\\Registry\\Machine\\Saved")") +
+        Call("set-value", 32, 4, R"("name":"v","type":4,"data":"01000000",)" + done) +
+        R"({"op":"open-key","pid":32,"tid":36,"root":0,"name":"\\Registry\\Machine",)"
+        R"("attributes":64,"access":131097,"handle":12,"status":"00000000"})"
+        "\n" +
+        Call("save-key", 32, 4, R"("file":"C:\\hive",)" + done) +
+        mounted("load-key", R"("file":"c:\\HIVE",)" + done) + openLoaded +
+        Call("query-value", 32, 8,
+             R"("name":"v","type":4,"size":4,"got":4,"crc":"99f8b879",)" + done) +
+        closeLoaded + mounted("unload-key", done) +
+        mounted("load-key", R"("file":"C:\\other",)" + done) + openLoaded +
+        Call("query-value", 32, 8, R"("name":"v","status":"c0000034")") + closeLoaded +
+        mounted("unload-key", done) +
+        // A list that lets everyone do everything.
+        Call("set-security", 32, 4,
+             R"("info":4,"sd":"010004800000000000000000000000001400000002001c0001000000)"
+             R"(000014003f000f00010100000000000100000000",)" +
+                 done) +
+        Call("query-security", 32, 4, R"("info":4,"size":48,)" + done) +
+        Call("query-security", 32, 4, R"("info":4,"size":48,"status":"c0000023")") +
+        Call("close", 32, 4, done) + Exit(32));
+    const Workload workload = Workload::Read(file.Path());
+
+    MonitoredReplayOptions options;
+    options.check = true;
+    options.operations = 0x3FFFFF;
+    const auto inOrder = Replay(workload, options);
+    EXPECT_EQ(inOrder.result.replay.operations, 18U);
+    for (const Disagreement& disagreement : inOrder.result.replay.check.first) {
+        ADD_FAILURE() << "line " << disagreement.line << ": " << disagreement.what;
+    }
+    std::map<zpregflt::RecordType, int> count;
+    for (const SeenEvent& event : inOrder.events) {
+        ++count[event.type];
+    }
+    EXPECT_EQ(count[zpregflt::RecordType::kKeySaved], 1);
+    EXPECT_EQ(count[zpregflt::RecordType::kHiveLoaded], 2);
+    EXPECT_EQ(count[zpregflt::RecordType::kKeySecuritySet], 1);
+
+    options.check = false;
+    options.parallel = true;
+    EXPECT_EQ(Replay(workload, options).result.eventsByType, inOrder.result.eventsByType);
 }
 
 /// What is wrong in the file is found when it is replayed.

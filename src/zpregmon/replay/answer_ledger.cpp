@@ -108,14 +108,15 @@ void AnswerLedger::Close() {
 }
 
 void AnswerLedger::Compare(const Event& event) {
-    if (!IsAnswer(event.type)) {
+    if (!IsAnswer(event.Type())) {
         return;
     }
     std::unique_lock guard(mutex_);
     entered_.wait(guard, [this] { return isClosed_ || !entries_.empty(); });
     ++result_.compared;
     if (entries_.empty()) {
-        Disagree(fmt::format("{} is recorded, and nobody was answered so", RecordName(event.type)));
+        Disagree(
+            fmt::format("{} is recorded, and nobody was answered so", RecordName(event.Type())));
         return;
     }
     const Entry entry = std::move(entries_.front());
@@ -127,23 +128,23 @@ void AnswerLedger::Compare(const Event& event) {
 }
 
 std::string AnswerLedger::Difference(const Entry& entry, const Event& event) {
-    if (entry.type != event.type) {
+    if (entry.type != event.Type()) {
         return fmt::format("; {} is recorded as {}", RecordName(entry.type),
-                           RecordName(event.type));
+                           RecordName(event.Type()));
     }
     std::string difference;
-    const auto compare = [&](const auto& payload) {
-        difference += CompareNumber("class", entry.informationClass, payload.informationClass);
+    const auto compare = [&](const auto& details) {
+        difference += CompareNumber("class", entry.informationClass, details.informationClass);
         if (entry.data) {
-            difference += CompareData(*entry.data, payload.data);
+            difference += CompareData(*entry.data, details.data);
         }
     };
-    if (const auto* const key = std::get_if<KeyInformation>(&event.payload)) {
+    if (const auto key = event.As<KeyInformation>()) {
         compare(*key);
-    } else if (const auto* const value = std::get_if<ValueEnumerated>(&event.payload)) {
+    } else if (const auto value = event.As<ValueEnumerated>()) {
         difference = CompareNumber("index", entry.index, value->index);
         compare(*value);
-    } else if (const auto* const queried = std::get_if<ValueQueried>(&event.payload)) {
+    } else if (const auto queried = event.As<ValueQueried>()) {
         if (!(queried->value == WireText(entry.value))) {
             difference = "; another value's name is recorded";
         }

@@ -1,6 +1,5 @@
 #include "zpregmon/replay/monitored_replay.h"
 
-#include "client/record_decoder.h"
 #include "zpregmon/replay/driver_statistics.h"
 #include "zpregmon/replay/monitored_machine.h"
 #include "zpregmon/replay/platform_device.h"
@@ -14,42 +13,6 @@ namespace {
 /// The replay waits while the driver has fewer than this part of the buffers: what is left takes
 /// whatever the replaying threads record before each of them comes to its next look.
 constexpr std::size_t kReservedPart = 4;
-
-void WalkBuffer(std::span<const std::byte> image, const EventReceiver& receive,
-                MonitoredReplayResult& result) {
-    RecordDecoder decoder(image);
-    for (Event event; decoder.Next(event);) {
-        ++result.events;
-        ++result.eventsByType[static_cast<std::size_t>(event.type)];
-        receive(event);
-    }
-    if (decoder.Error()) {
-        ++result.damagedBuffers;
-        if (!result.firstDamage) {
-            result.firstDamage = decoder.Error();
-        }
-    }
-}
-
-void ApplySettings(const MonitoredReplayOptions& options, ControlSession& session) {
-    if (options.operations) {
-        session.SetLoggedOperations(*options.operations);
-    }
-    if (options.captureMaxSize) {
-        session.SetCaptureMaxSize(*options.captureMaxSize);
-    }
-    if (options.reportOriginal) {
-        session.SetReportOriginal(true);
-    }
-    if (!options.dumpFile.empty()) {
-        session.SetDumpFile(options.dumpFile);
-    }
-    for (const std::u16string& image : options.exemptImages) {
-        Exemption exemption;
-        exemption.imageName = image;
-        session.AddExemptions({&exemption, 1});
-    }
-}
 
 ReplayResult Replay(platform::Machine& machine, const Workload& workload,
                     const MonitoredReplayOptions& options, ReplayControl& control) {

@@ -151,9 +151,9 @@ void PlatformDevice::SortByTime(std::vector<Completion>& completions) {
     }
     std::vector<std::pair<std::uint64_t, Completion>> timed;
     for (const Completion& completion : completions) {
-        Event first{};
-        RecordDecoder(Buffer(completion.slot)).Next(first);
-        timed.emplace_back(first.systemTime, completion);
+        Event first;
+        const bool hasRecord = RecordDecoder(Buffer(completion.slot)).Next(first);
+        timed.emplace_back(hasRecord ? first.SystemTime() : 0, completion);
     }
     std::stable_sort(timed.begin(), timed.end(),
                      [](const auto& a, const auto& b) { return a.first < b.first; });

@@ -170,8 +170,14 @@ constexpr FieldRule kEnumKey[] = {kPid,     kTid,    kStatus,  kHandle,       kI
 constexpr FieldRule kQueryKey[] = {kPid,    kTid,     kStatus,       kHandle,      kClass,
                                    kSize,   kGot,     kResultName,   kResultClass, kSubkeys,
                                    kValues, kMaxName, kMaxValueName, kMaxValueData};
-/// Operations that a replay passes over: what it needs to say so.
-constexpr FieldRule kPassedOver[] = {kPid, kTid, kStatus};
+constexpr FieldRule kFile = {"file", kOptional, Text<&Record::file>};
+constexpr FieldRule kLoadKey[] = {kPid, kTid, kStatus, kRoot, kName, kAttributes, kFile};
+constexpr FieldRule kUnloadKey[] = {kPid, kTid, kStatus, kRoot, kName, kAttributes};
+constexpr FieldRule kSaveKey[] = {kPid, kTid, kStatus, kHandle, kFile};
+constexpr FieldRule kInfo = {"info", kAlways, Number<&Record::securityInformation>};
+constexpr FieldRule kSetSecurity[] = {kPid, kTid, kStatus, kHandle, kInfo, {"sd", kAlways, Bytes}};
+constexpr FieldRule kQuerySecurity[] = {
+    kPid, kTid, kStatus, kHandle, kInfo, {"size", kAlways, AnswerNumber<&Answer::size>}};
 constexpr FieldRule kMark[] = {kName};
 
 constexpr std::array<OpRules, kOpCount> kRules = {{
@@ -190,11 +196,11 @@ constexpr std::array<OpRules, kOpCount> kRules = {{
     {Op::kDeleteKey, "delete-key", kHandleCall},
     {Op::kFlushKey, "flush-key", kHandleCall},
     {Op::kRenameKey, "rename-key", kNamedCall},
-    {Op::kLoadKey, "load-key", kPassedOver},
-    {Op::kUnloadKey, "unload-key", kPassedOver},
-    {Op::kSaveKey, "save-key", kPassedOver},
-    {Op::kSetSecurity, "set-security", kPassedOver},
-    {Op::kQuerySecurity, "query-security", kPassedOver},
+    {Op::kLoadKey, "load-key", kLoadKey},
+    {Op::kUnloadKey, "unload-key", kUnloadKey},
+    {Op::kSaveKey, "save-key", kSaveKey},
+    {Op::kSetSecurity, "set-security", kSetSecurity},
+    {Op::kQuerySecurity, "query-security", kQuerySecurity},
     {Op::kMark, "mark", kMark},
 }};
 

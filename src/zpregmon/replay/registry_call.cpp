@@ -1,5 +1,6 @@
 #include "zpregmon/replay/registry_call.h"
 
+#include "platform/kernel/io.h"
 #include "zpregmon/replay/query_answer.h"
 
 #include <algorithm>
@@ -27,6 +28,26 @@ Outcome JustStatus(NTSTATUS status) {
     return outcome;
 }
 
+/// `name` outlives the attributes.
+OBJECT_ATTRIBUTES AttributesOf(const Record& record, const ReplayProcess& process,
+                               UNICODE_STRING& name) {
+    OBJECT_ATTRIBUTES attributes;
+    InitializeObjectAttributes(&attributes, &name, record.attributes & ~kAttributesLeftOut,
+                               process.Find(record.root), nullptr);
+    return attributes;
+}
+
+NTSTATUS UnloadKey(const Record& record, const ReplayProcess& process) {
+    UNICODE_STRING name = Describe(record.name);
+    OBJECT_ATTRIBUTES attributes = AttributesOf(record, process, name);
+    return NtUnloadKey(&attributes);
+}
+
+NTSTATUS SetSecurity(const Record& record, HANDLE key) {
+    return NtSetSecurityObject(key, record.securityInformation,
+                               const_cast<std::byte*>(record.bytes.data()));
+}
+
 NTSTATUS DeleteValue(const Record& record, HANDLE key) {
     UNICODE_STRING name = Describe(record.name);
     return NtDeleteValueKey(key, &name);
@@ -51,11 +72,6 @@ bool IsCall(Op op) {
     switch (op) {
         case Op::kProcessStart:
         case Op::kProcessExit:
-        case Op::kLoadKey:
-        case Op::kUnloadKey:
-        case Op::kSaveKey:
-        case Op::kSetSecurity:
-        case Op::kQuerySecurity:
         case Op::kMark:
             return false;
         default:
@@ -63,8 +79,8 @@ bool IsCall(Op op) {
     }
 }
 
-RegistryCaller::RegistryCaller()
-    : buffer_(std::make_unique_for_overwrite<std::byte[]>(kBufferSize)) {}
+RegistryCaller::RegistryCaller(HiveFiles& hives)
+    : hives_(hives), buffer_(std::make_unique_for_overwrite<std::byte[]>(kBufferSize)) {}
 
 Outcome RegistryCaller::Call(const Record& record, ReplayProcess& process) {
     const HANDLE key = process.Find(record.handle);
@@ -91,6 +107,16 @@ Outcome RegistryCaller::Call(const Record& record, ReplayProcess& process) {
             return JustStatus(NtFlushKey(key));
         case Op::kRenameKey:
             return JustStatus(RenameKey(record, key));
+        case Op::kLoadKey:
+            return JustStatus(LoadKey(record, process));
+        case Op::kUnloadKey:
+            return JustStatus(UnloadKey(record, process));
+        case Op::kSaveKey:
+            return JustStatus(SaveKey(record, key));
+        case Op::kSetSecurity:
+            return JustStatus(SetSecurity(record, key));
+        case Op::kQuerySecurity:
+            return JustStatus(QuerySecurity(record, key));
         default:
             return JustStatus(STATUS_NOT_IMPLEMENTED);
     }
@@ -98,10 +124,8 @@ Outcome RegistryCaller::Call(const Record& record, ReplayProcess& process) {
 
 Outcome RegistryCaller::OpenOrCreate(const Record& record, ReplayProcess& process) {
     UNICODE_STRING name = Describe(record.name);
-    OBJECT_ATTRIBUTES attributes;
-    InitializeObjectAttributes(&attributes, &name, record.attributes & ~kAttributesLeftOut,
-                               process.Find(record.root),
-                               const_cast<std::byte*>(record.bytes.data()));
+    OBJECT_ATTRIBUTES attributes = AttributesOf(record, process, name);
+    attributes.SecurityDescriptor = const_cast<std::byte*>(record.bytes.data());
     const ACCESS_MASK access = record.access & ~kAccessLeftOut;
     HANDLE handle = nullptr;
     Outcome outcome;
@@ -122,6 +146,40 @@ Outcome RegistryCaller::OpenOrCreate(const Record& record, ReplayProcess& proces
         process.Forget(record.handle);
     }
     return outcome;
+}
+
+NTSTATUS RegistryCaller::LoadKey(const Record& record, const ReplayProcess& process) {
+    UNICODE_STRING name = Describe(record.name);
+    OBJECT_ATTRIBUTES target = AttributesOf(record, process, name);
+    const std::u16string file = hives_.NameOf(record.file);
+    UNICODE_STRING fileName = Describe(file);
+    OBJECT_ATTRIBUTES source;
+    InitializeObjectAttributes(&source, &fileName, OBJ_CASE_INSENSITIVE, nullptr, nullptr);
+    return NtLoadKey(&target, &source);
+}
+
+NTSTATUS RegistryCaller::SaveKey(const Record& record, HANDLE key) {
+    const std::u16string name = hives_.NameOf(record.file);
+    UNICODE_STRING fileName = Describe(name);
+    OBJECT_ATTRIBUTES attributes;
+    InitializeObjectAttributes(&attributes, &fileName, OBJ_CASE_INSENSITIVE, nullptr, nullptr);
+    HANDLE file = nullptr;
+    IO_STATUS_BLOCK ioStatus = {};
+    NTSTATUS status =
+        NtCreateFile(&file, GENERIC_READ | GENERIC_WRITE | SYNCHRONIZE, &attributes, &ioStatus,
+                     nullptr, 0, 0, FILE_OVERWRITE_IF, FILE_SYNCHRONOUS_IO_NONALERT, nullptr, 0);
+    if (NT_SUCCESS(status)) {
+        status = NtSaveKey(key, file);
+        NtClose(file);
+    }
+    return status;
+}
+
+/// With as much room as the recorded caller had: none if it asked for the size.
+NTSTATUS RegistryCaller::QuerySecurity(const Record& record, HANDLE key) {
+    ULONG needed = 0;
+    return NtQuerySecurityObject(key, record.securityInformation, buffer_.get(),
+                                 NT_SUCCESS(record.status) ? ULONG{kBufferSize} : 0, &needed);
 }
 
 NTSTATUS RegistryCaller::SetValue(const Record& record, HANDLE key) {

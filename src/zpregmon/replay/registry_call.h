@@ -1,6 +1,7 @@
 // Repeats recorded operations: one system call of the machine for each.
 #pragma once
 
+#include "zpregmon/replay/hive_files.h"
 #include "zpregmon/replay/replay_process.h"
 #include "zpregmon/replay/workload.h"
 
@@ -23,14 +24,14 @@ struct Outcome {
     bool IsComplete() const { return status == STATUS_SUCCESS; }
 };
 
-/// Whether there is a call for the operation; the others are passed over. Starts and exits of
-/// processes are not calls.
+/// Starts and exits of processes and marks are no calls.
 bool IsCall(Op op);
 
 /// Makes calls for one host thread, which is a thread of the process that makes them.
 class RegistryCaller {
 public:
-    RegistryCaller();
+    /// `hives` outlives the caller.
+    explicit RegistryCaller(HiveFiles& hives);
 
     /// An operation other than kDuplicate. Keeps the process's handle map.
     Outcome Call(const Record& record, ReplayProcess& process);
@@ -39,6 +40,9 @@ public:
 
 private:
     Outcome OpenOrCreate(const Record& record, ReplayProcess& process);
+    NTSTATUS LoadKey(const Record& record, const ReplayProcess& process);
+    NTSTATUS SaveKey(const Record& record, HANDLE key);
+    NTSTATUS QuerySecurity(const Record& record, HANDLE key);
     NTSTATUS SetValue(const Record& record, HANDLE key);
     Outcome QueryValue(const Record& record, HANDLE key);
     Outcome EnumerateValue(const Record& record, HANDLE key);
@@ -46,6 +50,7 @@ private:
     std::span<const std::byte> WholeAnswer(const Outcome& outcome, ULONG length) const;
     ULONG BufferLength(const Record& record, std::size_t fixedPart) const;
 
+    HiveFiles& hives_;
     std::unique_ptr<std::byte[]> buffer_;
 };
 

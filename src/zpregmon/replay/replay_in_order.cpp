@@ -53,8 +53,6 @@ private:
             Exit(record.pid, record.exitCode);
         } else if (IsCall(record.op)) {
             Call(record);
-        } else {
-            ++result_.passedOver[static_cast<std::size_t>(record.op)];
         }
     }
 
@@ -89,7 +87,8 @@ private:
     ReplayControl& control_;
     std::map<std::uint32_t, std::unique_ptr<ReplayProcess>> processes_;
     RecordedThread thread_;  // goes before the processes do
-    RegistryCaller caller_;
+    HiveFiles hives_;
+    RegistryCaller caller_{hives_};
     Checker checker_;
     ReplayResult result_;
 };

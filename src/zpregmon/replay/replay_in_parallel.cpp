@@ -37,11 +37,6 @@ public:
     }
 
 private:
-    /// What one stream has done; added to the result at its end.
-    struct Share {
-        std::uint64_t operations = 0;
-        std::array<std::uint64_t, kOpCount> passedOver{};
-    };
     struct Meeting {
         std::size_t waiting = 0;  ///< participants that have come, besides the one that acts
         bool acting = false;      ///< from now on nobody leaves before it is done
@@ -50,19 +45,19 @@ private:
 
     /// Runs on the stream's own thread; stream 0 on the caller's.
     void RunStream(std::uint32_t pid) {
-        Share share;
+        std::uint64_t operations = 0;
         try {
-            RunSteps(pid, share);
+            RunSteps(pid, operations);
         } catch (...) {
             const std::lock_guard guard(lock_);
             failure_ = std::current_exception();
             control_.stop = true;
         }
-        EndStream(pid, share);
+        EndStream(pid, operations);
     }
 
-    void RunSteps(std::uint32_t pid, Share& share) {
-        RegistryCaller caller;
+    void RunSteps(std::uint32_t pid, std::uint64_t& operations) {
+        RegistryCaller caller(hives_);
         RecordedThread thread;
         std::uint64_t sinceLast = 0;
         for (const PlannedStep& step : plan_.streams.at(pid)) {
@@ -80,7 +75,8 @@ private:
             if (record.op == Op::kProcessStart && !AwaitEnded(record)) {
                 return;
             }
-            Replay(record, caller, thread, share);
+            Replay(record, caller, thread);
+            operations += IsCall(record.op) ? 1 : 0;
             if (step.isMeeting) {
                 EndMeeting(record);
             }
@@ -98,23 +94,18 @@ private:
         return !control_.stop.load(std::memory_order_relaxed);
     }
 
-    void Replay(const Record& record, RegistryCaller& caller, RecordedThread& thread,
-                Share& share) {
+    void Replay(const Record& record, RegistryCaller& caller, RecordedThread& thread) {
         if (record.op == Op::kProcessStart) {
             Start(record);
         } else if (record.op == Op::kProcessExit) {
             thread.Leave();  // the stream's end does the rest
-        } else if (!IsCall(record.op)) {
-            ++share.passedOver[static_cast<std::size_t>(record.op)];
-        } else {
+        } else if (record.op == Op::kDuplicate) {
+            thread.Enter(Find(record.pid), record.tid);
+            RegistryCaller::Duplicate(record, Find(record.fromPid), Find(record.toPid));
+        } else if (IsCall(record.op)) {
             ReplayProcess& process = Find(record.pid);
             thread.Enter(process, record.tid);
-            if (record.op == Op::kDuplicate) {
-                RegistryCaller::Duplicate(record, Find(record.fromPid), Find(record.toPid));
-            } else {
-                caller.Call(record, process);
-            }
-            ++share.operations;
+            caller.Call(record, process);
         }
     }
 
@@ -183,7 +174,7 @@ private:
         return condition();
     }
 
-    void EndStream(std::uint32_t pid, const Share& share) {
+    void EndStream(std::uint32_t pid, std::uint64_t operations) {
         if (pid != 0) {
             machine_.ExitProcess(Find(pid).Process());
         }
@@ -191,10 +182,7 @@ private:
         ended_.insert(pid);
         processes_.erase(pid);
         endsEarly_ = endsEarly_ || control_.stop;
-        result_.operations += share.operations;
-        for (std::size_t op = 0; op < kOpCount; ++op) {
-            result_.passedOver[op] += share.passedOver[op];
-        }
+        result_.operations += operations;
         changed_.notify_all();
     }
 
@@ -219,6 +207,7 @@ private:
     const Workload& workload_;
     ReplayControl& control_;
     const ParallelPlan plan_;
+    HiveFiles hives_;
 
     std::mutex lock_;
     std::condition_variable changed_;

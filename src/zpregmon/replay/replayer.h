@@ -5,7 +5,6 @@
 #include "zpregmon/replay/checker.h"
 #include "zpregmon/replay/workload.h"
 
-#include <array>
 #include <atomic>
 #include <cstdint>
 #include <functional>
@@ -26,8 +25,6 @@ struct ReplayControl {
 
 struct ReplayResult {
     std::uint64_t operations = 0;  ///< calls that were made
-    /// Records for which there is no call (yet), by operation.
-    std::array<std::uint64_t, kOpCount> passedOver{};
     std::uint64_t processes = 0;
     CheckResult check;  ///< of a checked replay
 };

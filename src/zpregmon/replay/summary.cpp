@@ -1,16 +1,10 @@
 #include "zpregmon/replay/summary.h"
 
-#include "client/vocabulary.h"
-
-#include <fmt/format.h>
-
-#include <iterator>
+#include "zpregmon/session/session_summary.h"
 
 namespace zpregmon {
 
 namespace {
-
-using Lines = std::back_insert_iterator<std::string>;
 
 constexpr std::array<const char*, kDifferenceCount> kDifferenceTexts = {
     "creating a key that exists: STATUS_SUCCESS, recorded STATUS_OBJECT_NAME_EXISTS",
@@ -19,45 +13,6 @@ constexpr std::array<const char*, kDifferenceCount> kDifferenceTexts = {
     "an answer that does not fit: STATUS_BUFFER_OVERFLOW, recorded STATUS_SUCCESS",
     "values enumerated in order of creation, recorded in order of name",
 };
-
-template <typename Number>
-void AddCount(Lines& lines, std::string_view what, Number count) {
-    lines = fmt::format_to(lines, "{:<22}{:>12}\n", what, count);
-}
-
-void DescribePassedOver(const ReplayResult& replay, Lines& lines) {
-    for (std::size_t op = 0; op < kOpCount; ++op) {
-        if (replay.passedOver[op] != 0 && static_cast<Op>(op) != Op::kMark) {
-            lines = fmt::format_to(lines, "passed over           {:>12} {}: no such call here\n",
-                                   replay.passedOver[op], OpName(static_cast<Op>(op)));
-        }
-    }
-}
-
-void DescribeEvents(const MonitoredReplayResult& result, Lines& lines) {
-    AddCount(lines, "events", result.events);
-    for (std::uint32_t type = 1; type <= zpregflt::kLastRecordType; ++type) {
-        if (result.eventsByType[type] != 0) {
-            const auto name = RecordName(static_cast<zpregflt::RecordType>(type));
-            AddCount(lines, fmt::format("  {}", name), result.eventsByType[type]);
-        }
-    }
-}
-
-void DescribeDelivery(const MonitoredReplayResult& result, Lines& lines) {
-    AddCount(lines, "buffers delivered", result.session.buffersDelivered);
-    AddCount(lines, "reservations failed", result.driver.reservationsFailed);
-    if (result.damagedBuffers != 0) {
-        AddCount(lines, "damaged buffers", result.damagedBuffers);
-        lines = fmt::format_to(lines, "  the first at offset {}: {}\n", result.firstDamage->offset,
-                               result.firstDamage->what);
-    }
-    if (result.session.buffersLost != 0) {
-        lines = fmt::format_to(lines, "{} buffers were refused, the last with status {:08x}\n",
-                               result.session.buffersLost,
-                               static_cast<std::uint32_t>(result.session.lastFailure));
-    }
-}
 
 void DescribeRest(std::uint64_t all, std::size_t listed, Lines& lines) {
     if (all > listed) {
@@ -107,11 +62,12 @@ std::string DescribeReplay(const MonitoredReplayResult& result, const std::strin
     std::string text;
     Lines lines(text);
     AddCount(lines, "operations replayed", result.replay.operations);
-    DescribePassedOver(result.replay, lines);
     AddCount(lines, "processes", result.replay.processes);
     AddCount(lines, "notifications", result.driver.notifications);
     DescribeEvents(result, lines);
-    DescribeDelivery(result, lines);
+    AddCount(lines, "buffers delivered", result.session.buffersDelivered);
+    AddCount(lines, "reservations failed", result.driver.reservationsFailed);
+    DescribeLosses(result, result.session, lines);
     if (checked) {
         DescribeCheck(result.replay.check, workloadPath, lines);
         DescribeAnswers(result.answers, workloadPath, lines);

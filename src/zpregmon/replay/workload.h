@@ -75,6 +75,7 @@ struct Record {
     std::uint64_t handle = 0;  ///< that was used, or that a successful call gave
     std::u16string_view name;  ///< also the image of a process that starts
     std::u16string_view className;
+    std::u16string_view file;  ///< that a hive is loaded from or saved to; empty: not recorded
     std::span<const std::byte> bytes;  ///< data to set, or a security descriptor
     std::uint64_t dataSize = 0;        ///< of the data to set; what `bytes` lack are zeros
     std::uint32_t access = 0;
@@ -83,6 +84,7 @@ struct Record {
     std::uint32_t type = 0;  ///< of the value to set
     std::uint32_t index = 0;
     std::uint32_t informationClass = 0;
+    std::uint32_t securityInformation = 0;
     std::uint32_t disposition = 0;
     std::uint32_t exitCode = 0;
     std::uint32_t parent = 0;

@@ -1,9 +1,11 @@
-// The command-line program.
+#include "zpregmon/program.h"
+
 #include "zpregmon/command.h"
 #include "zpregmon/terminal.h"
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -15,21 +17,23 @@ namespace {
 
 constexpr const char* kVersion = "zpregmon 0.1.0";
 
-int Run(int argc, char** argv) {
+int Run(std::vector<std::string> arguments) {
     CLI::App app("Shows what programs do with the registry.", "zpregmon");
     app.set_version_flag("--version", kVersion);
     ChosenCommand chosen;
-#ifndef _WIN32
-    AddReplayCommand(app, chosen);  // on the platform that stands in for the kernel
-#endif
+    AddSystemCommands(app, chosen);
     AddDecodeCommand(app, chosen);
     AddSummaryCommand(app, chosen);
     AddFormatsCommand(app, chosen);
     app.footer(
-        "Exit status: 0, all is well; 1, results disagree, events were lost or damaged, or output\n"
-        "cannot be written; 2, the command line or the input cannot be used.");
+        "Exit status: 0, all is well; 1, results disagree, events were lost or damaged, output "
+        "cannot\n"
+        "be written, or the driver or the system refuses; 2, the command line or the input cannot "
+        "be\n"
+        "used.");
+    std::reverse(arguments.begin(), arguments.end());  // as the parser takes them
     try {
-        app.parse(argc, argv);
+        app.parse(std::move(arguments));
     } catch (const CLI::ParseError& error) {
         if (error.get_exit_code() == 0) {
             std::ostringstream text;  // of --help or --version
@@ -59,17 +63,17 @@ int FlushOutput(int status) {
 
 }  // namespace
 
-}  // namespace zpregmon
-
-int main(int argc, char** argv) {
-    zpregmon::PrepareStandardStreams();
+int RunProgram(std::vector<std::string> arguments) {
+    PrepareStandardStreams();
     try {
-        return zpregmon::FlushOutput(zpregmon::Run(argc, argv));
-    } catch (const zpregmon::UsageError& error) {
+        return FlushOutput(Run(std::move(arguments)));
+    } catch (const UsageError& error) {
         fmt::print(stderr, "zpregmon: {}\n", error.what());
-        return zpregmon::kUnusable;
+        return kUnusable;
     } catch (const std::exception& error) {
         fmt::print(stderr, "zpregmon: {}\n", error.what());
-        return zpregmon::kFault;
+        return kFault;
     }
 }
+
+}  // namespace zpregmon
