@@ -32,14 +32,6 @@ struct Settings {
     }
 };
 
-struct Case {
-    const char* name;
-    std::vector<Value> values;
-    Settings expected;
-
-    friend void PrintTo(const Case& c, std::ostream* out) { *out << c.name; }
-};
-
 std::string Number(std::uint32_t number) {
     return {reinterpret_cast<const char*>(&number), sizeof(number)};
 }
@@ -47,51 +39,7 @@ std::string Text(std::u16string_view text) {
     return {reinterpret_cast<const char*>(text.data()), text.size() * 2};
 }
 
-using namespace std::string_view_literals;
-
-const Case kCases[] = {
-    {"NoParameters", {}, {.traceOperations = 0, .captureMaxSize = 0}},
-    {"EmptyParameters", {{u"", nullptr, 0, {}}}, {}},
-    {"EmptySubkeys", {{u"\\Trace", nullptr, 0, {}}, {u"\\Report", nullptr, 0, {}}}, {}},
-    {"AllNumbers",
-     {{u"\\Trace", u"Process", REG_DWORD, Number(1234)},
-      {u"\\Trace", u"Operations", REG_DWORD, Number(0)},
-      {u"\\Report", u"Original", REG_DWORD, Number(0x100)},
-      {u"\\Report", u"CaptureMaxSize", REG_DWORD, Number(4096)},
-      {u"\\Report", u"Override", REG_DWORD, Number(3)},
-      {u"\\Report", u"Operations", REG_DWORD, Number(8)}},
-     {.traceProcessId = 1234,
-      .traceOperations = 0,
-      .reportOriginal = 0x100,
-      .captureMaxSize = 4096,
-      .overridePolicy = 3,
-      .reportOperations = 8,
-      .loggedOperations = 0x1F}},
-    {"ProcessName",
-     {{u"\\Trace", u"Process", REG_SZ, Text(u"notepad.exe\0"sv)}},
-     {.traceProcessName = u"notepad.exe"}},
-    {"NameWithoutTerminatorLosesACharacter",
-     {{u"\\Trace", u"Process", REG_SZ, Text(u"notepad.exe")}},
-     {.traceProcessName = u"notepad.ex"}},
-    {"EmptyName", {{u"\\Trace", u"Process", REG_SZ, Text(u"\0"sv)}}, {.traceProcessName = u""}},
-    {"NameShorterThanATerminator", {{u"\\Trace", u"Process", REG_SZ, "x"}}, {}},
-    {"NameWithoutData", {{u"\\Trace", u"Process", REG_SZ, ""}}, {}},
-    {"OtherTypes",
-     {{u"\\Trace", u"Process", REG_MULTI_SZ, Text(u"a\0"sv)},
-      {u"\\Trace", u"Operations", REG_SZ, Text(u"1\0"sv)},
-      {u"\\Report", u"Operations", REG_BINARY, Number(8)}},
-     {}},
-    {"NumbersCutShort",
-     {{u"\\Report", u"CaptureMaxSize", REG_DWORD, "abc"},
-      {u"\\Report", u"Override", REG_DWORD, ""}},
-     {}},
-    {"LongNumberCountsByItsFirstBytes",
-     {{u"\\Report", u"Override", REG_DWORD, Number(2) + Number(9)}},
-     {.overridePolicy = 2}},
-    {"OneSubkeyMissing", {{u"\\Report", u"Original", REG_DWORD, Number(1)}}, {.reportOriginal = 1}},
-};
-
-class ConfigurationTest : public DriverTest, public testing::WithParamInterface<Case> {
+class ConfigurationTest : public DriverTest {
 protected:
     static Settings Read() {
         Settings settings;
@@ -116,24 +64,56 @@ protected:
     }
 };
 
-TEST_P(ConfigurationTest, IsReadAtStart) {
-    for (const Value& value : GetParam().values)
-        Write(value);
-    Start();
-    EXPECT_EQ(Read(), GetParam().expected);
-    Stop();
+TEST_F(ConfigurationTest, IsReadAtStart) {
+    using namespace std::string_view_literals;
+    constexpr char16_t kNone[] = u"", kTrace[] = u"\\Trace", kReport[] = u"\\Report";
+    const struct {
+        const char* name;
+        std::vector<Value> values;
+        Settings expected;
+    } cases[] = {
+        // clang-format off
+        {"no parameters", {}, {.traceOperations = 0, .captureMaxSize = 0}},
+        {"empty parameters", {{kNone, nullptr, 0, {}}}, {}},
+        {"empty subkeys", {{kTrace, nullptr, 0, {}}, {kReport, nullptr, 0, {}}}, {}},
+        {"all numbers",
+         {{kTrace, u"Process", REG_DWORD, Number(1234)}, {kTrace, u"Operations", REG_DWORD, Number(0)},
+          {kReport, u"Original", REG_DWORD, Number(0x100)},
+          {kReport, u"CaptureMaxSize", REG_DWORD, Number(4096)},
+          {kReport, u"Override", REG_DWORD, Number(3)}, {kReport, u"Operations", REG_DWORD, Number(8)}},
+         {.traceProcessId = 1234, .traceOperations = 0, .reportOriginal = 0x100, .captureMaxSize = 4096,
+          .overridePolicy = 3, .reportOperations = 8, .loggedOperations = 0x1F}},
+        {"process name", {{kTrace, u"Process", REG_SZ, Text(u"notepad.exe\0"sv)}},
+         {.traceProcessName = u"notepad.exe"}},
+        {"name without terminator loses a character", {{kTrace, u"Process", REG_SZ, Text(u"notepad.exe")}},
+         {.traceProcessName = u"notepad.ex"}},
+        {"empty name", {{kTrace, u"Process", REG_SZ, Text(u"\0"sv)}}, {.traceProcessName = u""}},
+        {"name shorter than a terminator", {{kTrace, u"Process", REG_SZ, "x"}}, {}},
+        {"name without data", {{kTrace, u"Process", REG_SZ, ""}}, {}},
+        {"other types",
+         {{kTrace, u"Process", REG_MULTI_SZ, Text(u"a\0"sv)}, {kTrace, u"Operations", REG_SZ, Text(u"1\0"sv)},
+          {kReport, u"Operations", REG_BINARY, Number(8)}}, {}},
+        {"numbers cut short",
+         {{kReport, u"CaptureMaxSize", REG_DWORD, "abc"}, {kReport, u"Override", REG_DWORD, ""}}, {}},
+        {"long number counts by its first bytes", {{kReport, u"Override", REG_DWORD, Number(2) + Number(9)}},
+         {.overridePolicy = 2}},
+        {"one subkey missing", {{kReport, u"Original", REG_DWORD, Number(1)}}, {.reportOriginal = 1}},
+        // clang-format on
+    };
+    for (const auto& row : cases) {
+        SCOPED_TRACE(row.name);
+        Boot({});
+        for (const Value& value : row.values)
+            Write(value);
+        Start();
+        EXPECT_EQ(Read(), row.expected);
+        Stop();
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(Driver, ConfigurationTest, testing::ValuesIn(kCases),
-                         [](const testing::TestParamInfo<Case>& parameter) {
-                             return std::string(parameter.param.name);
-                         });
-
-class ConfigurationFaultTest : public DriverTest {};
 
 /// Whatever fails while the settings are read, the driver starts; the settings concerned keep their
 /// defaults.
-TEST_F(ConfigurationFaultTest, FailuresLeaveDefaults) {
+TEST_F(ConfigurationTest, FailuresLeaveDefaults) {
     SetParameter(u"Trace", u"Process", 1234);
     SetParameter(u"Report", u"Override", 3);
     ASSERT_EQ(machine_->LoadDriver(::LibraryImage()), STATUS_SUCCESS);
@@ -160,7 +140,7 @@ TEST_F(ConfigurationFaultTest, FailuresLeaveDefaults) {
 }
 
 /// A change of the registry counts from the next load on.
-TEST_F(ConfigurationFaultTest, ReadOnce) {
+TEST_F(ConfigurationTest, ReadOnce) {
     SetParameter(u"Report", u"Override", 1);
     Start();
     SetParameter(u"Report", u"Override", 2);

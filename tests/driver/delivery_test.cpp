@@ -30,33 +30,27 @@ protected:
     void SetDumpFile() { ASSERT_EQ(TheClient().SetDumpFile(DumpPath()), STATUS_SUCCESS); }
 };
 
-TEST_F(DeliveryTest, BufferSizes) {
+TEST_F(DeliveryTest, BuffersThatAreTaken) {
     StartWithoutBootBuffers();
-    struct Case {
-        std::size_t size;
-        NTSTATUS status;
-    };
-    for (const Case& c : {Case{1, STATUS_INVALID_PARAMETER},
-                          {0xFFFF, STATUS_INVALID_PARAMETER},
-                          {0x10000, STATUS_PENDING},
-                          {0x10001, STATUS_PENDING}}) {
-        Loan loan(TheClient(), c.size);
-        EXPECT_EQ(loan.Send(), c.status) << c.size;
-        EXPECT_EQ(IsListEmpty(&Pool.ActiveList), c.status != STATUS_PENDING) << c.size;
+    const std::pair<std::size_t, NTSTATUS> sizes[] = {{1, STATUS_INVALID_PARAMETER},
+                                                      {0xFFFF, STATUS_INVALID_PARAMETER},
+                                                      {0x10000, STATUS_PENDING},
+                                                      {0x10001, STATUS_PENDING}};
+    for (const auto& [size, status] : sizes) {
+        Loan loan(TheClient(), size);
+        EXPECT_EQ(loan.Send(), status) << size;
+        EXPECT_EQ(IsListEmpty(&Pool.ActiveList), status != STATUS_PENDING) << size;
     }
-}
-
-TEST_F(DeliveryTest, BadBuffers) {
-    StartWithoutBootBuffers();
-    struct Case {
-        void* address;
+    const struct {
+        std::uintptr_t address;
         std::size_t size;
         NTSTATUS status;
-    };
-    for (const Case& c : {Case{nullptr, 0, STATUS_BUFFER_TOO_SMALL},
-                          {nullptr, 0x10000, STATUS_INVALID_PARAMETER},
-                          {reinterpret_cast<void*>(0x10000), 0x10000, STATUS_ACCESS_VIOLATION}}) {
-        EXPECT_EQ(TheClient().Control(IOCTL_ZPRF_GET_BUFFER, nullptr, 0, c.address, c.size),
+    } bad[] = {{0, 0, STATUS_BUFFER_TOO_SMALL},
+               {0, 0x10000, STATUS_INVALID_PARAMETER},
+               {0x10000, 0x10000, STATUS_ACCESS_VIOLATION}};
+    for (const auto& c : bad) {
+        EXPECT_EQ(TheClient().Control(IOCTL_ZPRF_GET_BUFFER, nullptr, 0,
+                                      reinterpret_cast<void*>(c.address), c.size),
                   c.status)
             << c.address << ", " << c.size;
     }
@@ -96,13 +90,12 @@ TEST_F(DeliveryTest, ABufferThatCameBackCanBeLentAgain) {
 // --- Cancellation --------------------------------------------------------------------------------
 
 TEST_F(DeliveryTest, CancelledBufferGoesToTheDumpFile) {
-    struct Case {
+    const struct {
         bool dumpFile;
         std::vector<std::uint32_t> reservations;
         std::vector<std::size_t> lengths;  ///< of the blocks in the dump file
-    };
-    const Case cases[] = {{true, {40, 13}, {8 + 40 + 16}}, {true, {}, {}}, {false, {40}, {}}};
-    for (const Case& c : cases) {
+    } cases[] = {{true, {40, 13}, {8 + 40 + 16}}, {true, {}, {}}, {false, {40}, {}}};
+    for (const auto& c : cases) {
         Boot({});
         StartWithoutBootBuffers();
         if (c.dumpFile) SetDumpFile();
@@ -144,18 +137,6 @@ TEST_F(DeliveryTest, CancelledRequestWaitsForWriters) {
         loan.reset();
         Stop();
     }
-}
-
-TEST_F(DeliveryTest, ClosingTheDeviceCancels) {
-    StartWithoutBootBuffers();
-    SetDumpFile();
-    const auto first = TheClient().Lend();
-    const auto second = TheClient().Lend();
-    WriteMark(1);
-    TheClient().Close();
-    EXPECT_EQ(first->Wait(), STATUS_CANCELLED);
-    EXPECT_EQ(second->Wait(), STATUS_CANCELLED);
-    EXPECT_EQ(DumpedMarks(), std::vector<MarkList>{{1}});
 }
 
 /// Delivery and cancellation race for a request whose buffer is full: one of them ends it, once.
@@ -255,16 +236,6 @@ TEST_F(DeliveryTest, ShutdownDoesNotDumpWithdrawnBuffers) {
     EXPECT_EQ(withdrawn->Wait(), STATUS_CANCELLED);
     EXPECT_EQ(DumpedMarks(), (std::vector<MarkList>{{2}, {1}})) << "written when it is finished";
     EXPECT_TRUE(loan->IsOut());
-}
-
-TEST_F(DeliveryTest, ShutdownWithoutDumpFileOnlyChangesThePhase) {
-    Start();
-    const auto loan = TheClient().Lend();
-    machine_->NotifyShutdown();
-    EXPECT_EQ(Pool.phase, static_cast<LONG>(zpregflt::PoolPhase::kShutdown));
-    WriteMark(1);
-    TheClient().Flush();
-    EXPECT_EQ(loan->Wait(), STATUS_SUCCESS);
 }
 
 // --- The dump file -------------------------------------------------------------------------------
@@ -386,12 +357,8 @@ TEST_F(DeliveryTest, LostImagesDoNotKeepTheRequest) {
 
 TEST_F(DeliveryTest, FailedRequestLeavesNoBuffer) {
     StartWithoutBootBuffers();
-    struct Case {
-        platform::PlannedFault fault;
-        NTSTATUS expected;
-    };
     constexpr NTSTATUS kPlanned = STATUS_DEVICE_BUSY;
-    const Case cases[] = {
+    const std::pair<platform::PlannedFault, NTSTATUS> cases[] = {
         {{.routine = "WdfObjectAllocateContext", .status = kPlanned}, kPlanned},
         {{.routine = "WdfRequestProbeAndLockUserBufferForWrite", .status = kPlanned}, kPlanned},
         {{.routine = "WdfDeviceEnqueueRequest", .status = kPlanned}, kPlanned},
@@ -399,17 +366,18 @@ TEST_F(DeliveryTest, FailedRequestLeavesNoBuffer) {
          STATUS_NO_MEMORY},
         {{.routine = "WdfRequestForwardToIoQueue", .status = kPlanned}, kPlanned},
     };
-    for (const Case& c : cases) {
+    for (const auto& [fault, expected] : cases) {
+        SCOPED_TRACE(fault.routine);
         Loan loan(TheClient(), zpregflt::kMinimumBufferSize);
         {
-            const FaultPlan plan(c.fault);
-            EXPECT_EQ(loan.Send(), c.expected) << c.fault.routine;
-            EXPECT_TRUE(plan.Fired()) << c.fault.routine;
+            const FaultPlan plan(fault);
+            EXPECT_EQ(loan.Send(), expected);
+            EXPECT_TRUE(plan.Fired());
         }
-        EXPECT_TRUE(IsListEmpty(&Pool.ActiveList)) << c.fault.routine;
-        EXPECT_TRUE(IsListEmpty(&Pool.SealedList)) << c.fault.routine;
-        EXPECT_FALSE(Space(8)) << c.fault.routine;
-        EXPECT_EQ(loan.Send(), STATUS_PENDING) << c.fault.routine;
+        EXPECT_TRUE(IsListEmpty(&Pool.ActiveList));
+        EXPECT_TRUE(IsListEmpty(&Pool.SealedList));
+        EXPECT_FALSE(Space(8));
+        EXPECT_EQ(loan.Send(), STATUS_PENDING);
     }
 }
 

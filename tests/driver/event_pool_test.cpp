@@ -26,16 +26,15 @@ protected:
 
 TEST_F(EventPoolTest, SizesAreMultiplesOfEight) {
     Start();
-    struct Case {
-        std::uint32_t asked, reserved;
-    };
-    std::size_t expectedOffset = sizeof(zpregflt::BufferHeader);
-    for (const Case& c : {Case{1, 8}, {7, 8}, {8, 8}, {9, 16}, {13, 16}, {40, 40}, {41, 48}}) {
-        const Space space(c.asked);
+    std::size_t offset = sizeof(zpregflt::BufferHeader);
+    const std::pair<std::uint32_t, std::uint32_t> cases[] = {{1, 8},   {7, 8},   {8, 8},  {9, 16},
+                                                             {13, 16}, {40, 40}, {41, 48}};
+    for (const auto& [asked, reserved] : cases) {
+        const Space space(asked);
         ASSERT_TRUE(space);
-        EXPECT_EQ(space.Size(), c.reserved) << c.asked;
-        EXPECT_EQ(space.Offset(), expectedOffset) << c.asked;
-        expectedOffset += c.reserved;
+        EXPECT_EQ(space.Size(), reserved) << asked;
+        EXPECT_EQ(space.Offset(), offset) << asked;
+        offset += reserved;
         space.Release();
     }
 }
@@ -172,14 +171,6 @@ TEST_F(EventPoolTest, ClientBufferOnly) {
 
 // --- Lists ---------------------------------------------------------------------------------------
 
-TEST_F(EventPoolTest, BufferLentLastIsUsedNext) {
-    Start();
-    const auto first = TheClient().Lend();
-    const auto second = TheClient().Lend();
-    const auto third = TheClient().Lend();
-    EXPECT_EQ(Active(), (SequenceList{1, 6, 5, 4, 2, 3}));
-}
-
 TEST_F(EventPoolTest, FullBootBuffersWaitForClientBuffers) {
     Start();
     for (const std::uint64_t mark : {1, 2, 3})
@@ -246,80 +237,57 @@ TEST_F(EventPoolTest, FlushedBootBufferTakesTheClientBufferAlong) {
 
 // --- Hand-over of a boot buffer ------------------------------------------------------------------
 
-struct Pattern {
-    const char* name;
-    int reservations;          ///< in the boot buffer, of 40 bytes each
-    std::vector<int> commits;  ///< which of them, in this order
-};
+TEST_F(EventPoolTest, HandedOverChainGoesOn) {
+    const struct {
+        const char* name;
+        unsigned reservations;          ///< in the boot buffer, of 40 bytes each
+        std::vector<unsigned> commits;  ///< which of them, in this order
+    } patterns[] = {
+        {"all in order", 3, {0, 1, 2}},    {"first is no record", 3, {1, 2}},
+        {"first comes second", 2, {1, 0}}, {"first comes last", 4, {3, 2, 1, 0}},
+        {"last is no record", 3, {0, 1}},  {"no record", 2, {}},
+    };
+    for (const bool targetUsed : {false, true}) {
+        for (const auto& pattern : patterns) {
+            SCOPED_TRACE(testing::Message()
+                         << pattern.name << (targetUsed ? " behind others" : ""));
+            Boot({});
+            Start();
+            auto loan = TheClient().Lend(0x40000);
+            std::vector<Space> spaces;
+            for (unsigned i = 0; i < pattern.reservations; ++i)
+                spaces.emplace_back(40);
+            // Stays without a record; fills the buffer, so that the next reservation goes to the
+            // client's.
+            const Space filler(kWholeBuffer - 40u * pattern.reservations);
+            ASSERT_TRUE(filler);
+            MarkList expected;
+            if (targetUsed) expected.push_back(1);
+            for (const unsigned index : pattern.commits) {
+                spaces[index].Commit(10 + index);
+                expected.push_back(10 + index);
+            }
+            const Space inTarget(40);
+            ASSERT_EQ(inTarget.Sequence(), 4u);
+            if (targetUsed) inTarget.Commit(1);
+            inTarget.Release();
+            filler.Release();
+            for (const Space& space : spaces)
+                space.Release();
+            EXPECT_EQ(Active(), (SequenceList{4, 2, 3, 5}));
 
-const Pattern kPatterns[] = {
-    {"AllInOrder", 3, {0, 1, 2}},    {"FirstIsNoRecord", 3, {1, 2}},
-    {"FirstComesSecond", 2, {1, 0}}, {"FirstComesLast", 4, {3, 2, 1, 0}},
-    {"LastIsNoRecord", 3, {0, 1}},   {"NoRecord", 2, {}},
-};
-
-struct HandOverCase {
-    Pattern pattern;
-    bool targetUsed;
-
-    std::string Name() const {
-        return std::string(pattern.name) + (targetUsed ? "BehindRecords" : "First");
+            WriteMark(99);
+            expected.push_back(99);
+            MemFlush();
+            ASSERT_EQ(loan->Wait(), STATUS_SUCCESS);
+            EXPECT_EQ(Marks(loan->Records()), expected);
+            // The pattern's and the filler; the one in the target, the copy's and the last one.
+            EXPECT_EQ(loan->Information(), pattern.reservations + 1 + 3);
+            loan.reset();
+            Stop();
+        }
     }
-    friend void PrintTo(const HandOverCase& c, std::ostream* out) { *out << c.Name(); }
-};
-
-class HandOverTest : public EventPoolTest, public testing::WithParamInterface<HandOverCase> {};
-
-TEST_P(HandOverTest, ChainGoesOn) {
-    const auto& [pattern, targetUsed] = GetParam();
-    Start();
-    const auto loan = TheClient().Lend(0x40000);
-    std::vector<Space> spaces;
-    for (int i = 0; i < pattern.reservations; ++i)
-        spaces.emplace_back(40);
-    // Stays without a record; fills the buffer, so that the next reservation goes to the client's.
-    const Space filler(kWholeBuffer - 40u * static_cast<std::uint32_t>(pattern.reservations));
-    ASSERT_TRUE(filler);
-    MarkList expected;
-    for (const int index : pattern.commits) {
-        spaces[static_cast<std::size_t>(index)].Commit(static_cast<std::uint64_t>(10 + index));
-    }
-    const Space inTarget(40);
-    ASSERT_EQ(inTarget.Sequence(), 4u);
-    if (targetUsed) {
-        inTarget.Commit(1);
-        expected.push_back(1);
-    }
-    inTarget.Release();
-    filler.Release();
-    for (const Space& space : spaces)
-        space.Release();
-    EXPECT_EQ(Active(), (SequenceList{4, 2, 3, 5}));
-    for (const int index : pattern.commits)
-        expected.push_back(static_cast<std::uint64_t>(10 + index));
-
-    WriteMark(99);
-    expected.push_back(99);
-    MemFlush();
-    ASSERT_EQ(loan->Wait(), STATUS_SUCCESS);
-    EXPECT_EQ(Marks(loan->Records()), expected);
-    // The pattern's and the filler; the one in the target, the one for the copy and the last one.
-    EXPECT_EQ(loan->Information(), static_cast<std::size_t>(pattern.reservations) + 1 + 3);
 }
-
-std::vector<HandOverCase> HandOverCases() {
-    std::vector<HandOverCase> cases;
-    for (const Pattern& pattern : kPatterns) {
-        cases.push_back({pattern, false});
-        cases.push_back({pattern, true});
-    }
-    return cases;
-}
-
-INSTANTIATE_TEST_SUITE_P(EventPool, HandOverTest, testing::ValuesIn(HandOverCases()),
-                         [](const testing::TestParamInfo<HandOverCase>& parameter) {
-                             return parameter.param.Name();
-                         });
 
 // --- Counters ------------------------------------------------------------------------------------
 
@@ -346,13 +314,15 @@ TEST_F(EventPoolTest, ReservationsAreCountedByPhase) {
     EXPECT_EQ(Made(kBoot) + Made(kNormal) + Made(kShutdown), 5);
 }
 
-TEST_F(EventPoolTest, FirstRequestTimeIsKept) {
+TEST_F(EventPoolTest, BufferLentLastIsUsedNextAndTheFirstRequestsTimeKept) {
     Start();
     EXPECT_EQ(Pool.firstRequestTime, 0);
     machine_->SetSystemTime(1000);
     const auto first = TheClient().Lend();
     machine_->SetSystemTime(2000);
     const auto second = TheClient().Lend();
+    const auto third = TheClient().Lend();
+    EXPECT_EQ(Active(), (SequenceList{1, 6, 5, 4, 2, 3}));
     EXPECT_EQ(Pool.firstRequestTime, 1000);
 }
 

@@ -1,7 +1,7 @@
 // Records of operations between keys and files.
 #include "driver/record_test.h"
+#include "kernel/hive_fixture.h"
 #include "kernel/unreadable_memory.h"
-#include "platform/kernel/io.h"
 
 #include <unistd.h>
 #include <cstdio>
@@ -103,22 +103,35 @@ TEST_F(HiveRecordsTest, NameThatCannotBeHad) {
 }
 
 TEST_F(HiveRecordsTest, NamesThatTheCallerGave) {
-    struct Case {
-        std::size_t first, second;  ///< bytes
+    UnreadableMemory memory;
+    void* const bad = memory.Place("x", 1);
+    UNICODE_STRING ten = Describe(u"ffffffffff");
+    UNICODE_STRING one = Describe(u"s");
+    UNICODE_STRING none = Describe(u"");
+    UNICODE_STRING lost = ten;
+    lost.Buffer = static_cast<PWSTR>(bad);
+    const struct {
+        UNICODE_STRING *first, *second;
         ULONG secondOffset;
-    };
-    for (const Case& c : {Case{20, 30, 66}, {0, 0, 46}, {2, 0, 48}, {0, 2, 46}}) {
-        const std::u16string first(c.first / 2, u'f');
-        const std::u16string second(c.second / 2, u's');
+        const char *firstText, *secondText;
+    } cases[] = {{&ten, &one, 66, "ffffffffff", "s"},
+                 {&none, &none, 46, "", ""},
+                 {&one, &none, 48, "s", ""},
+                 {&none, &one, 46, "", "s"},
+                 // What cannot be read is empty, in the room that it would have taken.
+                 {&lost, &one, 66, "", "s"},
+                 {&one, &lost, 48, "s", ""},
+                 {static_cast<UNICODE_STRING*>(bad), &one, 46, "", "s"},
+                 {&one, nullptr, 48, "s", ""}};
+    for (const auto& c : cases) {
         const auto records =
             Recorded({RecordType::kHiveLoaded, RecordType::kKeyReplaced}, [&](HANDLE key) {
-                UNICODE_STRING names[] = {Describe(first), Describe(second)};
                 REG_LOAD_KEY_INFORMATION load = {};
-                load.KeyName = &names[0];
-                load.SourceFile = &names[1];
+                load.KeyName = c.first;
+                load.SourceFile = c.second;
                 REG_REPLACE_KEY_INFORMATION replace = {};
-                replace.NewFileName = &names[0];
-                replace.OldFileName = &names[1];
+                replace.NewFileName = c.first;
+                replace.OldFileName = c.second;
                 Notifier notifier(key);
                 EXPECT_TRUE(notifier.After(RegNtPostLoadKey, load));
                 EXPECT_TRUE(notifier.After(RegNtPostReplaceKey, replace));
@@ -127,40 +140,10 @@ TEST_F(HiveRecordsTest, NamesThatTheCallerGave) {
         for (const RawRecord& record : records) {
             EXPECT_EQ(record.key, kKey);
             EXPECT_EQ(record.Number(40), c.secondOffset);
-            EXPECT_EQ(record.Text(44), platform::ToUtf8(first));
-            EXPECT_EQ(record.Text(c.secondOffset), platform::ToUtf8(second));
+            EXPECT_EQ(record.Text(44), c.firstText);
+            EXPECT_EQ(record.Text(c.secondOffset), c.secondText);
         }
     }
-}
-
-TEST_F(HiveRecordsTest, NamesThatCannotBeRead) {
-    UnreadableMemory memory;
-    void* const bad = memory.Place("x", 1);
-    UNICODE_STRING good = Describe(u"good");
-    UNICODE_STRING lost = good;
-    lost.Buffer = static_cast<PWSTR>(bad);
-    struct Case {
-        UNICODE_STRING *first, *second;
-        ULONG secondOffset;
-        const char *firstText, *secondText;
-    };
-    for (const Case& c : {Case{&lost, &good, 54, "", "good"},
-                          {&good, &lost, 54, "good", ""},
-                          {static_cast<UNICODE_STRING*>(bad), &good, 46, "", "good"},
-                          {&good, nullptr, 54, "good", ""}}) {
-        const RawRecord record = RecordedOne(RecordType::kHiveLoaded, [&](HANDLE key) {
-            REG_LOAD_KEY_INFORMATION load = {};
-            load.KeyName = c.first;
-            load.SourceFile = c.second;
-            EXPECT_TRUE(Notifier(key).After(RegNtPostLoadKey, load));
-        });
-        EXPECT_EQ(record.Number(40), c.secondOffset);
-        EXPECT_EQ(record.Text(44), c.firstText);
-        EXPECT_EQ(record.Text(c.secondOffset), c.secondText);
-    }
-}
-
-TEST_F(HiveRecordsTest, UnloadIsItsHeader) {
     EXPECT_EQ(RecordedOne(RecordType::kHiveUnloaded,
                           [](HANDLE key) {
                               REG_UNLOAD_KEY_INFORMATION unload = {};
@@ -179,10 +162,9 @@ TEST_F(HiveRecordsTest, SystemThreads) {
     {
         const ThreadScope thread(Worker());
         const KeyHandle made = platform::MakeKey(kKey);
-        UNICODE_STRING keyName = Describe(kKey);
-        OBJECT_ATTRIBUTES attributes;
-        InitializeObjectAttributes(&attributes, &keyName, OBJ_KERNEL_HANDLE, nullptr, nullptr);
-        ASSERT_EQ(ZwOpenKey(&key, KEY_ALL_ACCESS, &attributes), STATUS_SUCCESS);
+        platform::Named name{std::u16string(kKey)};
+        name.Get()->Attributes = OBJ_KERNEL_HANDLE;
+        ASSERT_EQ(ZwOpenKey(&key, KEY_ALL_ACCESS, name.Get()), STATUS_SUCCESS);
         HANDLE const userFile = OpenHive(GENERIC_READ | GENERIC_WRITE);
         PVOID object = nullptr;
         ASSERT_EQ(
@@ -197,15 +179,9 @@ TEST_F(HiveRecordsTest, SystemThreads) {
     }
     EXPECT_EQ(ZwSaveKey(key, file), STATUS_SUCCESS);
     EXPECT_EQ(ZwRestoreKey(key, file, 0), STATUS_SUCCESS);
-    std::u16string newName = FileName(".hive");
-    std::u16string oldName = FileName(".old");
-    UNICODE_STRING newText = Describe(newName);
-    UNICODE_STRING oldText = Describe(oldName);
-    OBJECT_ATTRIBUTES newFile;
-    OBJECT_ATTRIBUTES oldFile;
-    InitializeObjectAttributes(&newFile, &newText, 0, nullptr, nullptr);
-    InitializeObjectAttributes(&oldFile, &oldText, 0, nullptr, nullptr);
-    EXPECT_EQ(ZwReplaceKey(&newFile, key, &oldFile), STATUS_SUCCESS);
+    EXPECT_EQ(ZwReplaceKey(platform::Named(FileName(".hive")).Get(), key,
+                           platform::Named(FileName(".old")).Get()),
+              STATUS_SUCCESS);
     EXPECT_EQ(ZwFlushKey(key), STATUS_SUCCESS);
     ZwClose(file);
     ZwClose(key);

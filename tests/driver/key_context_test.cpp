@@ -41,11 +41,6 @@ protected:
         EXPECT_EQ(ContextOf(opened) != nullptr, monitored);
         return monitored;
     }
-    OperationMask OperationsOf(platform::Process& process) {
-        const ThreadScope thread(process);
-        const KeyHandle key = MakeKey(kKey);
-        return ContextOf(key)->ProcessContext->Operations;
-    }
     /// Delivers everything and reads it.
     std::vector<Record> Collect(Loan& loan) {
         TheClient().Flush();
@@ -57,15 +52,15 @@ protected:
 // --- Who is monitored ----------------------------------------------------------------------------
 
 TEST_F(KeyContextTest, OverridePolicy) {
-    struct Case {
+    const struct {
         std::uint32_t overridePolicy;
         bool client, exemptWorker;
-    };
-    for (const Case& c : {Case{0, false, false},
-                          {OVERRIDE_TRUSTED, true, false},
-                          {OVERRIDE_EXEMPTIONS, false, true},
-                          {OVERRIDE_TRUSTED | OVERRIDE_EXEMPTIONS, true, true},
-                          {~3u, false, false}}) {
+    } cases[] = {{0, false, false},
+                 {OVERRIDE_TRUSTED, true, false},
+                 {OVERRIDE_EXEMPTIONS, false, true},
+                 {OVERRIDE_TRUSTED | OVERRIDE_EXEMPTIONS, true, true},
+                 {~3u, false, false}};
+    for (const auto& c : cases) {
         Boot({});
         SetParameter(u"Report", u"Override", c.overridePolicy);
         Start();
@@ -120,11 +115,16 @@ TEST_F(KeyContextTest, ExemptionIsCheckedOncePerListChange) {
 
 TEST_F(KeyContextTest, LoggedOperationsReachNewProcesses) {
     Start();
-    EXPECT_EQ(OperationsOf(Worker()), 0x17u);
+    const auto operationsOf = [](platform::Process& process) {
+        const ThreadScope thread(process);
+        const KeyHandle key = MakeKey(kKey);
+        return ContextOf(key)->ProcessContext->Operations;
+    };
+    EXPECT_EQ(operationsOf(Worker()), 0x17u);
     TheClient().SetNumber(IOCTL_ZPRF_SET_LOGGED_OPERATIONS, 0x1234);
-    EXPECT_EQ(OperationsOf(Worker()), 0x17u);
+    EXPECT_EQ(operationsOf(Worker()), 0x17u);
     const auto later = machine_->StartProcess({.imagePath = kWorkerImage});
-    EXPECT_EQ(OperationsOf(*later), 0x1234u);
+    EXPECT_EQ(operationsOf(*later), 0x1234u);
     machine_->ExitProcess(*later);
 }
 
@@ -191,14 +191,6 @@ TEST_F(KeyContextTest, CreatedAndOpenedKeys) {
     const LONG64 released = Released();
     keys.clear();
     EXPECT_EQ(Released() - released, 3);
-}
-
-TEST_F(KeyContextTest, EntryWithoutRecord) {
-    Start();
-    const ThreadScope thread(Worker());
-    const KeyHandle key = MakeKey(kKey);
-    EXPECT_NE(ContextOf(key)->Entry(), nullptr);
-    EXPECT_EQ(CountersOf(RegNtPostCreateKeyEx).log, 0) << "creation is not recorded";
 }
 
 TEST_F(KeyContextTest, PathsOfCreatedKeys) {

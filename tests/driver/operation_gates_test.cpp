@@ -2,12 +2,11 @@
 // gate, what its trace says, and that its outcome is its own.
 #include "driver/driver_fixture.h"
 #include "intercept/tracing.h"
-#include "platform/kernel/io.h"
+#include "kernel/hive_fixture.h"
 
 #include <fmt/format.h>
 #include <unistd.h>
 #include <cstdio>
-#include <mutex>
 
 namespace driver_test {
 
@@ -15,16 +14,17 @@ namespace {
 
 using namespace zpregflt;
 using platform::Describe;
+using platform::Named;
 
 constexpr char16_t kRoot[] = u"\\REGISTRY\\MACHINE";
 constexpr char16_t kGateKey[] = u"\\REGISTRY\\MACHINE\\Gate";
+const std::string kPath = testing::TempDir() + "zpregflt_gates_test_" + std::to_string(::getpid());
 constexpr char16_t kHiveKey[] = u"\\REGISTRY\\MACHINE\\GateHive";
 
 /// What an operation has to work on, in the process that performs it.
 struct Scene {
     KeyHandle root, key;  ///< the key has the subkey Sub and the value Value
     HANDLE file = nullptr;
-    std::string path = testing::TempDir() + "zpregflt_gates_test_" + std::to_string(::getpid());
     char answer[512] = {};
     ULONG length = 0;
 
@@ -33,35 +33,18 @@ struct Scene {
           key(platform::MakeKey(kGateKey, {.access = KEY_ALL_ACCESS | ACCESS_SYSTEM_SECURITY})) {
         const KeyHandle subkey = platform::MakeKey(u"\\REGISTRY\\MACHINE\\Gate\\Sub");
         platform::SetValue(key, u"Value", REG_BINARY, "123");
-        file = OpenFile(platform::HostFileName(path + ".hive"),
+        file = OpenFile(platform::HostFileName(kPath + ".hive"),
                         GENERIC_READ | GENERIC_WRITE | SYNCHRONIZE, FILE_OPEN_IF,
                         FILE_SYNCHRONOUS_IO_NONALERT);
         EXPECT_EQ(NtSaveKey(key, file), STATUS_SUCCESS);
     }
     ~Scene() {
         NtClose(file);
-        std::remove((path + ".hive").c_str());
-        std::remove((path + ".old").c_str());
+        std::remove((kPath + ".hive").c_str());
+        std::remove((kPath + ".old").c_str());
     }
     Scene(const Scene&) = delete;
     Scene& operator=(const Scene&) = delete;
-};
-
-struct NamedFile {
-    explicit NamedFile(const std::string& path) : name(platform::HostFileName(path)) {
-        InitializeObjectAttributes(&attributes, &text, 0, nullptr, nullptr);
-    }
-    std::u16string name;
-    UNICODE_STRING text = Describe(name);
-    OBJECT_ATTRIBUTES attributes;
-};
-
-struct NamedKey {
-    NamedKey(const char16_t* keyName, HANDLE root) : text(Describe(keyName)) {
-        InitializeObjectAttributes(&attributes, &text, OBJ_CASE_INSENSITIVE, root, nullptr);
-    }
-    UNICODE_STRING text;
-    OBJECT_ATTRIBUTES attributes;
 };
 
 struct Operation {
@@ -74,25 +57,22 @@ struct Operation {
     bool filtersBefore;  ///< the pre-notification's row counts them, too
     const char* trace;   ///< behind the path; null: none, or told elsewhere
     NTSTATUS (*perform)(Scene& scene);
-
-    friend void PrintTo(const Operation& operation, std::ostream* out) { *out << operation.name; }
 };
 
+Named FileNamed(const char* suffix) {
+    return Named(platform::HostFileName(kPath + suffix));
+}
+
 NTSTATUS Load(Scene& scene) {
-    NamedKey target(u"GateHive", scene.root);
-    NamedFile source(scene.path + ".hive");
-    return NtLoadKey(&target.attributes, &source.attributes);
+    return NtLoadKey(Named(u"GateHive", scene.root).Get(), FileNamed(".hive").Get());
 }
 
 NTSTATUS Unload(Scene&) {
-    NamedKey target(kHiveKey, nullptr);
-    return NtUnloadKey(&target.attributes);
+    return NtUnloadKey(Named(kHiveKey).Get());
 }
 
 NTSTATUS Replace(Scene& scene) {
-    NamedFile newFile(scene.path + ".hive");
-    NamedFile oldFile(scene.path + ".old");
-    return NtReplaceKey(&newFile.attributes, scene.key, &oldFile.attributes);
+    return NtReplaceKey(FileNamed(".hive").Get(), scene.key, FileNamed(".old").Get());
 }
 
 NTSTATUS QueryValues(Scene& scene) {
@@ -209,91 +189,6 @@ private:
     LARGE_INTEGER cookie_ = {};
 };
 
-class OperationGatesTest : public DriverTest, public testing::WithParamInterface<Operation> {
-protected:
-    void SetUp() override {
-        SetParameter(u"Trace", u"Operations", 0);
-        Start();
-    }
-
-    using Step = std::function<void()>;
-    struct Outcome {
-        NTSTATUS status;
-        Counters before, after;
-        bool operator==(const Outcome&) const = default;
-        friend void PrintTo(const Outcome& outcome, std::ostream* out) {
-            *out << std::hex << outcome.status << std::dec << ", before: ";
-            PrintTo(outcome.before, out);
-            *out << ", after: ";
-            PrintTo(outcome.after, out);
-        }
-    };
-
-    /// What performing the operation does to its two rows.
-    static Outcome Perform(const Operation& operation, const Step& prepare, const Step& finish) {
-        Scene scene;
-        if (operation.perform == Unload) {
-            EXPECT_EQ(Load(scene), STATUS_SUCCESS);
-        }
-        const Counters before = CountersOf(operation.before);
-        const Counters after = CountersOf(operation.after);
-        if (prepare) prepare();
-        const NTSTATUS status = operation.perform(scene);
-        const Outcome outcome = {status, CountersOf(operation.before) - before,
-                                 CountersOf(operation.after) - after};
-        if (finish) finish();
-        CleanUp(scene, operation);
-        return outcome;
-    }
-    /// In a process of its own, for which these operations are recorded.
-    Outcome PerformIn(const char16_t* image, OperationMask recorded, const Step& prepare = {},
-                      const Step& finish = {}) {
-        EXPECT_EQ(TheClient().SetNumber(IOCTL_ZPRF_SET_LOGGED_OPERATIONS, recorded),
-                  STATUS_SUCCESS);
-        const auto process = machine_->StartProcess({.imagePath = image});
-        Outcome outcome;
-        {
-            const ThreadScope thread(*process);
-            outcome = Perform(GetParam(), prepare, finish);
-        }
-        machine_->ExitProcess(*process);
-        return outcome;
-    }
-
-private:
-    static void CleanUp(Scene& scene, const Operation& operation) {
-        Unload(scene);
-        if (operation.perform == Replace) std::remove((scene.path + ".old").c_str());
-        for (const char16_t* name :
-             {u"\\REGISTRY\\MACHINE\\Gate\\Sub", u"\\REGISTRY\\MACHINE\\Renamed\\Sub",
-              u"\\REGISTRY\\MACHINE\\Gate\\New", kGateKey, u"\\REGISTRY\\MACHINE\\Renamed"})
-            NtDeleteKey(platform::OpenKeyOf(name).key);
-    }
-};
-
-TEST_P(OperationGatesTest, CountersAndOutcome) {
-    const Operation& operation = GetParam();
-    constexpr Counters kHit = {1, 0, 0, 0};
-    constexpr Counters kFailed = {1, 1, 0, 0};
-    constexpr Counters kFiltered = {1, 0, 1, 0};
-    constexpr Counters kLogged = {1, 0, 0, 1};
-    const OperationMask bit = operation.bit;
-
-    EXPECT_EQ(PerformIn(u"\\watched.exe", bit),
-              (Outcome{STATUS_SUCCESS, kHit, operation.records ? kLogged : kHit}));
-    EXPECT_EQ(PerformIn(u"\\unwatched.exe", ~bit),
-              (Outcome{STATUS_SUCCESS, operation.filtersBefore ? kFiltered : kHit,
-                       operation.filters ? kFiltered : kHit}));
-    // The keys of a trusted process have no context.
-    EXPECT_EQ(PerformIn(kClientImage, bit), (Outcome{STATUS_SUCCESS, kHit, kHit}));
-    if (bit == operation::kKeyHandleClose) return;  // cannot be refused
-    std::optional<Refusal> refusal;
-    const Outcome refused =
-        PerformIn(u"\\refused.exe", bit, [&] { refusal.emplace(operation.before); });
-    EXPECT_EQ(refused,
-              (Outcome{STATUS_ACCESS_DENIED, kHit, operation.countsFailures ? kFailed : kHit}));
-}
-
 /// The event's message with its arguments in it; addresses as "-".
 std::string Render(const platform::TraceEvent& event) {
     const std::string message = event.NarrowText(0);
@@ -325,31 +220,113 @@ std::string Render(const platform::TraceEvent& event) {
     return line;
 }
 
-TEST_P(OperationGatesTest, Trace) {
-    const Operation& operation = GetParam();
-    if (operation.trace == nullptr) return;
-    std::vector<std::string> lines;
-    platform::TraceController controller(kTraceProviderId, [&](const platform::TraceEvent& event) {
-        EXPECT_EQ(event.descriptor.Level, TRACE_LEVEL_INFORMATION);
-        lines.push_back(Render(event));
-    });
-    PerformIn(
-        u"\\traced.exe", operation.bit,
-        [&] { controller.Enable(TRACE_LEVEL_INFORMATION, TRACE_OPERATION); },
-        [&] { controller.Disable(); });
-    const std::string path =
-        testing::TempDir() + "zpregflt_gates_test_" + std::to_string(::getpid());
-    const std::string file = platform::ToUtf8(platform::HostFileName(path));
-    const std::string expected = ": " + fmt::format(fmt::runtime(operation.trace), file, file);
-    const auto isIt = [&](const std::string& line) {
-        return line.starts_with("process -, key - \\REGISTRY\\MACHINE") && line.ends_with(expected);
-    };
-    EXPECT_EQ(std::count_if(lines.begin(), lines.end(), isIt), 1) << expected << " in:\n"
-                                                                  << testing::PrintToString(lines);
+/// The operation's status and what it does to its two rows.
+struct Outcome {
+    NTSTATUS status;
+    Counters before, after;
+    bool operator==(const Outcome&) const = default;
+    friend void PrintTo(const Outcome& outcome, std::ostream* out) {
+        *out << std::hex << outcome.status << std::dec << ", before: ";
+        PrintTo(outcome.before, out);
+        *out << ", after: ";
+        PrintTo(outcome.after, out);
+    }
+};
+
+class OperationGatesTest : public DriverTest {
+protected:
+    void SetUp() override {
+        SetParameter(u"Trace", u"Operations", 0);
+        Start();
+    }
+
+    /// In a process of its own, for which these operations are recorded; `around` is told when the
+    /// operation is about to begin and when it has ended.
+    Outcome PerformIn(
+        const char16_t* image, const Operation& operation, OperationMask recorded,
+        const std::function<void(bool begins)>& around = [](bool) {}) {
+        EXPECT_EQ(TheClient().SetNumber(IOCTL_ZPRF_SET_LOGGED_OPERATIONS, recorded),
+                  STATUS_SUCCESS);
+        const auto process = machine_->StartProcess({.imagePath = image});
+        Outcome outcome;
+        {
+            const ThreadScope thread(*process);
+            Scene scene;
+            if (operation.perform == Unload) {
+                EXPECT_EQ(Load(scene), STATUS_SUCCESS);
+            }
+            const Counters before = CountersOf(operation.before);
+            const Counters after = CountersOf(operation.after);
+            around(true);
+            const NTSTATUS status = operation.perform(scene);
+            outcome = {status, CountersOf(operation.before) - before,
+                       CountersOf(operation.after) - after};
+            around(false);
+            CleanUp(scene);
+        }
+        machine_->ExitProcess(*process);
+        return outcome;
+    }
+
+private:
+    static void CleanUp(Scene& scene) {
+        Unload(scene);
+        for (const char16_t* name :
+             {u"\\REGISTRY\\MACHINE\\Gate\\Sub", u"\\REGISTRY\\MACHINE\\Renamed\\Sub",
+              u"\\REGISTRY\\MACHINE\\Gate\\New", kGateKey, u"\\REGISTRY\\MACHINE\\Renamed"})
+            NtDeleteKey(platform::OpenKeyOf(name).key);
+    }
+};
+
+TEST_F(OperationGatesTest, CountersAndOutcome) {
+    constexpr Counters kHit = {1, 0, 0, 0};
+    constexpr Counters kFailed = {1, 1, 0, 0};
+    constexpr Counters kFiltered = {1, 0, 1, 0};
+    constexpr Counters kLogged = {1, 0, 0, 1};
+    for (const Operation& operation : kOperations) {
+        SCOPED_TRACE(operation.name);
+        const OperationMask bit = operation.bit;
+        EXPECT_EQ(PerformIn(u"\\watched.exe", operation, bit),
+                  (Outcome{STATUS_SUCCESS, kHit, operation.records ? kLogged : kHit}));
+        EXPECT_EQ(PerformIn(u"\\unwatched.exe", operation, ~bit),
+                  (Outcome{STATUS_SUCCESS, operation.filtersBefore ? kFiltered : kHit,
+                           operation.filters ? kFiltered : kHit}));
+        // The keys of a trusted process have no context.
+        EXPECT_EQ(PerformIn(kClientImage, operation, bit), (Outcome{STATUS_SUCCESS, kHit, kHit}));
+        if (bit == operation::kKeyHandleClose) continue;  // cannot be refused
+        std::optional<Refusal> refusal;
+        const auto refuse = [&](bool begins) {
+            if (begins) refusal.emplace(operation.before);
+        };
+        EXPECT_EQ(PerformIn(u"\\refused.exe", operation, bit, refuse),
+                  (Outcome{STATUS_ACCESS_DENIED, kHit, operation.countsFailures ? kFailed : kHit}));
+    }
 }
 
-INSTANTIATE_TEST_SUITE_P(Operations, OperationGatesTest, testing::ValuesIn(kOperations),
-                         [](const auto& test) { return std::string(test.param.name); });
+TEST_F(OperationGatesTest, Trace) {
+    const std::string path = platform::ToUtf8(platform::HostFileName(kPath));
+    for (const Operation& operation : kOperations) {
+        if (operation.trace == nullptr) continue;
+        std::vector<std::string> lines;
+        platform::TraceController controller(
+            kTraceProviderId, [&](const platform::TraceEvent& event) {
+                EXPECT_EQ(event.descriptor.Level, TRACE_LEVEL_INFORMATION);
+                lines.push_back(Render(event));
+            });
+        PerformIn(u"\\traced.exe", operation, operation.bit, [&](bool begins) {
+            begins ? controller.Enable(TRACE_LEVEL_INFORMATION, TRACE_OPERATION)
+                   : controller.Disable();
+        });
+        const std::string expected = ": " + fmt::format(fmt::runtime(operation.trace), path, path);
+        const auto isIt = [&](const std::string& line) {
+            return line.starts_with("process -, key - \\REGISTRY\\MACHINE") &&
+                   line.ends_with(expected);
+        };
+        EXPECT_EQ(std::count_if(lines.begin(), lines.end(), isIt), 1)
+            << expected << " in:\n"
+            << testing::PrintToString(lines);
+    }
+}
 
 }  // namespace
 

@@ -26,42 +26,26 @@ TEST_F(QueryRecordsTest, AnswersOfTheRegistry) {
         platform::SetValue(key, u"Value", REG_BINARY, "12345");
         const KeyHandle subkey = platform::MakeKey(std::u16string(kKey) + u"\\Sub");
     };
-    struct Case {
-        RecordType type;
-        std::function<NTSTATUS(HANDLE)> query;
-        std::vector<std::uint32_t> parameters;  ///< from 40 on, the length and the data behind them
-    };
     const SECURITY_INFORMATION kParts = OWNER_SECURITY_INFORMATION | DACL_SECURITY_INFORMATION;
-    const std::vector<Case> cases = {
-        {RecordType::kSubkeyEnumerated,
-         [&](HANDLE key) {
-             return NtEnumerateKey(key, 0, KeyNodeInformation, answer, sizeof(answer), &length);
-         },
-         {KeyNodeInformation}},
-        {RecordType::kValueEnumerated,
-         [&](HANDLE key) {
-             return NtEnumerateValueKey(key, 0, KeyValueFullInformation, answer, sizeof(answer),
-                                        &length);
-         },
-         {0, KeyValueFullInformation}},
-        {RecordType::kKeyQueried,
-         [&](HANDLE key) {
-             return NtQueryKey(key, KeyFullInformation, answer, sizeof(answer), &length);
-         },
-         {KeyFullInformation}},
-        {RecordType::kValueQueried,
-         [&](HANDLE key) {
-             return NtQueryValueKey(key, &name, KeyValuePartialInformation, answer, sizeof(answer),
-                                    &length);
-         },
-         {52 + 20, KeyValuePartialInformation}},
-        {RecordType::kKeySecurityQueried,
-         [&](HANDLE key) {
-             return NtQuerySecurityObject(key, kParts, answer, sizeof(answer), &length);
-         },
-         {kParts}},
+    const struct {
+        RecordType type;
+        std::vector<std::uint32_t> parameters;  ///< from 40 on, the length and the data behind them
+        std::function<NTSTATUS(HANDLE)> query;
+    } cases[] = {
+        // clang-format off
+        {RecordType::kSubkeyEnumerated, {KeyNodeInformation}, [&](HANDLE key) {
+             return NtEnumerateKey(key, 0, KeyNodeInformation, answer, 512, &length); }},
+        {RecordType::kValueEnumerated, {0, KeyValueFullInformation}, [&](HANDLE key) {
+             return NtEnumerateValueKey(key, 0, KeyValueFullInformation, answer, 512, &length); }},
+        {RecordType::kKeyQueried, {KeyFullInformation}, [&](HANDLE key) {
+             return NtQueryKey(key, KeyFullInformation, answer, 512, &length); }},
+        {RecordType::kValueQueried, {52 + 20, KeyValuePartialInformation}, [&](HANDLE key) {
+             return NtQueryValueKey(key, &name, KeyValuePartialInformation, answer, 512, &length); }},
+        {RecordType::kKeySecurityQueried, {kParts}, [&](HANDLE key) {
+             return NtQuerySecurityObject(key, kParts, answer, 512, &length); }},
+        // clang-format on
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(static_cast<std::uint32_t>(c.type));
         const RawRecord record = RecordedOne(c.type, [&](HANDLE key) {
             prepare(key);
@@ -93,12 +77,10 @@ TEST_F(QueryRecordsTest, AnswersOfTheRegistry) {
 }
 
 TEST_F(QueryRecordsTest, NameOfAQueriedValueIsAligned) {
-    struct Case {
-        ULONG length, nameOffset;
-    };
-    for (const Case& c : {Case{0, 52}, {1, 56}, {4, 56}, {5, 60}, {8, 60}, {9, 64}}) {
-        const std::string data(c.length, 'd');
-        ULONG length = c.length;
+    const std::pair<ULONG, ULONG> cases[] = {{0, 52}, {1, 56}, {4, 56}, {5, 60}, {8, 60}, {9, 64}};
+    for (const auto& [size, nameOffset] : cases) {
+        const std::string data(size, 'd');
+        ULONG length = size;
         UNICODE_STRING name = Describe(u"v");
         const RawRecord record = RecordedOne(RecordType::kValueQueried, [&](HANDLE key) {
             REG_QUERY_VALUE_KEY_INFORMATION query = {};
@@ -108,10 +90,10 @@ TEST_F(QueryRecordsTest, NameOfAQueriedValueIsAligned) {
             query.ResultLength = &length;
             EXPECT_TRUE(Notifier(key).After(RegNtPostQueryValueKey, query));
         });
-        EXPECT_EQ(record.Number(40), c.nameOffset) << c.length;
-        EXPECT_EQ(record.Number(48), c.length);
-        EXPECT_EQ(record.Data(52, c.length), data);
-        EXPECT_EQ(record.Text(c.nameOffset), "v") << c.length;
+        EXPECT_EQ(record.Number(40), nameOffset) << size;
+        EXPECT_EQ(record.Number(48), size);
+        EXPECT_EQ(record.Data(52, size), data);
+        EXPECT_EQ(record.Text(nameOffset), "v") << size;
     }
 }
 

@@ -59,7 +59,6 @@ public:
 
     platform::Process& Owner() { return *process_; }
     std::unique_ptr<Sent> Send(ULONG code, std::vector<char> input = {}, ULONG outputLength = 0);
-    std::unique_ptr<Sent> Write(std::vector<char> bytes);
     /// METHOD_NEITHER with an output buffer of the caller's choice.
     std::unique_ptr<Sent> SendTo(ULONG code, void* output, ULONG outputLength);
     /// Waits for the end and returns the status.
@@ -68,7 +67,6 @@ public:
     void Close();
 
 private:
-    static void Prepare(Sent& sent);
     void Start(Sent& sent, ULONG code, void* output, ULONG outputLength);
 
     platform::Machine& machine_;
@@ -117,19 +115,22 @@ protected:
     /// The one that the driver got last by HoldRequests.
     WDFREQUEST LastHeld();
 
-    /// Expects `action` to stop the machine, with all of `words` in the message.
-    void ExpectStop(std::uint32_t code, const std::function<void()>& action,
-                    const std::vector<std::string>& words);
+    // Expect `action` to stop the machine, with all of `words` in the message.
     void ExpectFrameworkBugcheck(const std::function<void()>& action,
                                  const std::vector<std::string>& words) {
-        ExpectStop(platform::kFrameworkBugcheck, action, words);
+        ExpectStop(platform::kFrameworkBugcheck, 0, action, words);
     }
     void ExpectViolation(platform::Rule rule, const std::function<void()>& action,
-                         const std::vector<std::string>& words = {});
+                         const std::vector<std::string>& words = {}) {
+        ExpectStop(platform::kVerifierBugcheck, static_cast<std::uintptr_t>(rule), action, words);
+    }
 
     std::optional<platform::Machine> machine;
 
 private:
+    void ExpectStop(std::uint32_t code, std::uintptr_t parameter,
+                    const std::function<void()>& action, const std::vector<std::string>& words);
+
     std::mutex heldLock_;
     std::vector<WDFREQUEST> held_;
 };

@@ -22,13 +22,6 @@ WDF_DECLARE_CONTEXT_TYPE_WITH_NAME(FIRST_CONTEXT, FirstOf)
 WDF_DECLARE_CONTEXT_TYPE_WITH_NAME(SECOND_CONTEXT, SecondOf)
 WDF_DECLARE_CONTEXT_TYPE_WITH_NAME(THIRD_CONTEXT, ThirdOf)
 
-WDF_OBJECT_ATTRIBUTES AttributesOf(const WDF_OBJECT_CONTEXT_TYPE_INFO* type) {
-    WDF_OBJECT_ATTRIBUTES attributes;
-    WDF_OBJECT_ATTRIBUTES_INIT(&attributes);
-    attributes.ContextTypeInfo = type;
-    return attributes;
-}
-
 class ObjectTest : public FrameworkTest {};
 
 TEST_F(ObjectTest, WrongHandlesStopTheMachine) {
@@ -66,7 +59,7 @@ TEST_F(ObjectTest, WrongHandlesStopTheMachine) {
 TEST_F(ObjectTest, ContextsAreFoundByTheAddressOfTheirType) {
     ASSERT_EQ(Load(), STATUS_SUCCESS);
     EXPECT_EQ(FirstOf(objects.device), nullptr);
-    WDF_OBJECT_ATTRIBUTES attributes = AttributesOf(&WDF_FIRST_CONTEXT_TYPE_INFO);
+    WDF_OBJECT_ATTRIBUTES attributes = Attributes(nullptr, &WDF_FIRST_CONTEXT_TYPE_INFO);
     PVOID first = nullptr;
     ASSERT_EQ(WdfObjectAllocateContext(objects.device, &attributes, &first), STATUS_SUCCESS);
     EXPECT_EQ(FirstOf(objects.device), first);
@@ -77,16 +70,16 @@ TEST_F(ObjectTest, ContextsAreFoundByTheAddressOfTheirType) {
     EXPECT_EQ(WdfObjectAllocateContext(objects.device, &attributes, &again),
               STATUS_OBJECT_NAME_EXISTS);
     EXPECT_EQ(again, first);
-    attributes = AttributesOf(&WDF_SECOND_CONTEXT_TYPE_INFO);
+    attributes = Attributes(nullptr, &WDF_SECOND_CONTEXT_TYPE_INFO);
     EXPECT_EQ(WdfObjectAllocateContext(objects.device, &attributes, nullptr), STATUS_SUCCESS);
     EXPECT_NE(SecondOf(objects.device), nullptr);
     EXPECT_EQ(ThirdOf(objects.device), nullptr);
     EXPECT_EQ(WdfObjectContextGetObject(SecondOf(objects.device)), objects.device);
 
-    attributes = AttributesOf(nullptr);
+    attributes = Attributes();
     EXPECT_EQ(WdfObjectAllocateContext(objects.device, &attributes, nullptr),
               STATUS_OBJECT_NAME_INVALID);
-    attributes = AttributesOf(&WDF_THIRD_CONTEXT_TYPE_INFO);
+    attributes = Attributes(nullptr, &WDF_THIRD_CONTEXT_TYPE_INFO);
     attributes.ParentObject = objects.driver;
     EXPECT_EQ(WdfObjectAllocateContext(objects.device, &attributes, nullptr),
               STATUS_WDF_PARENT_ASSIGNMENT_NOT_ALLOWED);
@@ -95,43 +88,6 @@ TEST_F(ObjectTest, ContextsAreFoundByTheAddressOfTheirType) {
     EXPECT_EQ(WdfObjectAllocateContext(objects.device, &attributes, nullptr),
               STATUS_INSUFFICIENT_RESOURCES);
     EXPECT_EQ(ThirdOf(objects.device), nullptr);
-}
-
-TEST_F(ObjectTest, AttributesAreChecked) {
-    ASSERT_EQ(Load(), STATUS_SUCCESS);
-    static const WDF_OBJECT_CONTEXT_TYPE_INFO badType = {8, "BAD", 4, &badType, nullptr};
-    struct Case {
-        const char* what;
-        NTSTATUS status;
-        std::function<void(WDF_OBJECT_ATTRIBUTES&)> change;
-    };
-    const Case cases[] = {
-        {"as made", STATUS_SUCCESS, [](auto&) {}},
-        {"size", STATUS_INFO_LENGTH_MISMATCH, [](auto& one) { one.Size = 48; }},
-        {"level", STATUS_WDF_EXECUTION_LEVEL_INVALID,
-         [](auto& one) { one.ExecutionLevel = WdfExecutionLevelInvalid; }},
-        {"scope", STATUS_WDF_SYNCHRONIZATION_SCOPE_INVALID,
-         [](auto& one) { one.SynchronizationScope = WdfSynchronizationScopeInvalid; }},
-        {"type's size", STATUS_WDF_OBJECT_ATTRIBUTES_INVALID,
-         [](auto& one) { one.ContextTypeInfo = &badType; }},
-        {"override without type", STATUS_WDF_OBJECT_ATTRIBUTES_INVALID,
-         [](auto& one) { one.ContextSizeOverride = 8; }},
-        {"override too small", STATUS_WDF_OBJECT_ATTRIBUTES_INVALID,
-         [](auto& one) {
-             one.ContextTypeInfo = &WDF_FIRST_CONTEXT_TYPE_INFO;
-             one.ContextSizeOverride = 8;
-         }},
-        {"parent without device", STATUS_INVALID_DEVICE_REQUEST,
-         [](auto& one) { one.ParentObject = objects.driver; }},
-    };
-    for (const Case& one : cases) {
-        SCOPED_TRACE(one.what);
-        WDF_OBJECT_ATTRIBUTES attributes;
-        WDF_OBJECT_ATTRIBUTES_INIT(&attributes);
-        one.change(attributes);
-        WDFQUEUE queue = nullptr;
-        EXPECT_EQ(CreateManualQueue(objects.device, false, &attributes, &queue), one.status);
-    }
 }
 
 TEST_F(ObjectTest, ChildrenEndBeforeTheirParent) {
@@ -143,7 +99,7 @@ TEST_F(ObjectTest, ChildrenEndBeforeTheirParent) {
         ends.push_back("destroy " + names[object]);
     };
     ASSERT_EQ(Load(), STATUS_SUCCESS);
-    WDF_OBJECT_ATTRIBUTES attributes = AttributesOf(&WDF_SECOND_CONTEXT_TYPE_INFO);
+    WDF_OBJECT_ATTRIBUTES attributes = Attributes(nullptr, &WDF_SECOND_CONTEXT_TYPE_INFO);
     attributes.EvtCleanupCallback = OnCleanup;
     attributes.EvtDestroyCallback = OnDestroy;
     WDFQUEUE queue = nullptr;
@@ -193,7 +149,7 @@ TEST_F(ObjectTest, DeletingTwiceIsNoticed) {
     WdfObjectReference(item);
     WdfObjectDelete(item);
     ExpectViolation(Rule::kFrameworkContract, [&] { WdfObjectDelete(item); }, {"deleted before"});
-    WDF_OBJECT_ATTRIBUTES attributes = AttributesOf(&WDF_FIRST_CONTEXT_TYPE_INFO);
+    WDF_OBJECT_ATTRIBUTES attributes = Attributes(nullptr, &WDF_FIRST_CONTEXT_TYPE_INFO);
     EXPECT_EQ(WdfObjectAllocateContext(item, &attributes, nullptr), STATUS_DELETE_PENDING);
     WdfObjectDereference(item);
 }

@@ -38,53 +38,41 @@ protected:
 };
 
 TEST_F(QueueTest, CreationChecksTheConfiguration) {
-    struct Case {
-        const char* what;
-        NTSTATUS status;
-        std::function<void(WDF_IO_QUEUE_CONFIG&)> change;
-        bool wantsHandle = true;
-    };
-    const auto manual = [](WDF_IO_QUEUE_CONFIG& config) {
+    static constexpr auto kManual = [](WDF_IO_QUEUE_CONFIG& config) {
         WDF_IO_QUEUE_CONFIG_INIT(&config, WdfIoQueueDispatchManual);
     };
-    const Case cases[] = {
+    const struct {
+        const char* what;
+        NTSTATUS status;
+        void (*change)(WDF_IO_QUEUE_CONFIG&);
+    } cases[] = {
+        // clang-format off
         {"parallel", STATUS_SUCCESS, [](auto&) {}},
         {"size of version 1.9", STATUS_SUCCESS, [](auto& config) { config.Size = 88; }},
-        {"size of version 1.7", STATUS_SUCCESS, [](auto& config) { config.Size = 80; }},
         {"size of no version", STATUS_INFO_LENGTH_MISMATCH, [](auto& config) { config.Size = 72; }},
         {"no dispatch type", STATUS_INVALID_PARAMETER,
          [](auto& config) { config.DispatchType = WdfIoQueueDispatchInvalid; }},
-        {"no handler", STATUS_WDF_NO_CALLBACK,
-         [](auto& config) { config.EvtIoDeviceControl = nullptr; }},
-        {"no handle wanted", STATUS_INVALID_PARAMETER_4, [](auto&) {}, false},
-        {"second default queue", STATUS_UNSUCCESSFUL,
-         [](auto& config) { config.DefaultQueue = TRUE; }},
+        {"no handler", STATUS_WDF_NO_CALLBACK, [](auto& config) { config.EvtIoDeviceControl = nullptr; }},
+        {"second default queue", STATUS_UNSUCCESSFUL, [](auto& config) { config.DefaultQueue = TRUE; }},
         {"limit on a sequential queue", STATUS_INVALID_PARAMETER,
          [](auto& config) { config.DispatchType = WdfIoQueueDispatchSequential; }},
-        {"manual", STATUS_SUCCESS, manual},
+        {"manual", STATUS_SUCCESS, kManual},
         {"limit on a manual queue", STATUS_INVALID_PARAMETER,
-         [&](auto& config) {
-             manual(config);
-             config.Settings.Parallel.NumberOfPresentedRequests = 1;
-         }},
+         [](auto& config) { kManual(config); config.Settings.Parallel.NumberOfPresentedRequests = 1; }},
         {"handler on a manual queue", STATUS_INVALID_PARAMETER,
-         [&](auto& config) {
-             manual(config);
-             config.EvtIoDefault = OnDefault;
-         }},
+         [](auto& config) { kManual(config); config.EvtIoDeviceControl = OnDeviceControl; }},
+        // clang-format on
     };
     ASSERT_EQ(Load(), STATUS_SUCCESS);
-    for (const Case& one : cases) {
-        SCOPED_TRACE(one.what);
+    for (const auto& row : cases) {
+        SCOPED_TRACE(row.what);
         WDF_IO_QUEUE_CONFIG config;
         WDF_IO_QUEUE_CONFIG_INIT(&config, WdfIoQueueDispatchParallel);
         config.EvtIoDeviceControl = OnDeviceControl;
-        one.change(config);
+        row.change(config);
         WDFQUEUE queue = nullptr;
-        EXPECT_EQ(
-            WdfIoQueueCreate(objects.device, &config, nullptr, one.wantsHandle ? &queue : nullptr),
-            one.status);
-        EXPECT_EQ(queue != nullptr, one.status == STATUS_SUCCESS);
+        EXPECT_EQ(WdfIoQueueCreate(objects.device, &config, nullptr, &queue), row.status);
+        EXPECT_EQ(queue != nullptr, row.status == STATUS_SUCCESS);
         if (queue != nullptr) {
             EXPECT_EQ(WdfIoQueueGetDevice(queue), objects.device);
             WdfObjectDelete(queue);
@@ -114,40 +102,38 @@ TEST_F(QueueTest, ParallelQueuePresentsInTheSendersThread) {
     EXPECT_EQ(process, client->Owner().Id());
 }
 
-struct LimitCase {
-    WDF_IO_QUEUE_DISPATCH_TYPE type;
-    ULONG limit;
-    int presentedOfFour;
-};
-
-class LimitTest : public QueueTest, public testing::WithParamInterface<LimitCase> {};
-
-TEST_P(LimitTest, DriverHoldsNoMoreThanTheLimit) {
-    std::vector<WDFREQUEST> held;
-    behaviour.dispatchType = GetParam().type;
-    behaviour.presentedRequests = GetParam().limit;
-    behaviour.deviceControl = [&](WDFREQUEST request, size_t, size_t, ULONG) {
-        held.push_back(request);
-    };
-    ASSERT_EQ(Load(), STATUS_SUCCESS);
-    const auto client = Open();
-    const auto sent = Park(*client, 4);
-    EXPECT_EQ(held.size(), static_cast<size_t>(GetParam().presentedOfFour));
-    // Each completion makes the next one due, in the completing thread.
-    for (size_t i = 0; i < held.size(); ++i)
-        WdfRequestComplete(held[i], STATUS_SUCCESS);
-    EXPECT_EQ(held.size(), GetParam().presentedOfFour == 0 ? 0U : 4U);
-    client->Close();
-    for (const auto& one : sent) {
-        EXPECT_EQ(client->Wait(*one), held.empty() ? STATUS_CANCELLED : STATUS_SUCCESS);
+TEST_F(QueueTest, DriverHoldsNoMoreThanTheLimit) {
+    const struct {
+        WDF_IO_QUEUE_DISPATCH_TYPE type;
+        ULONG limit;
+        std::size_t presentedOfFour;
+    } cases[] = {{WdfIoQueueDispatchParallel, 0xFFFFFFFF, 4},
+                 {WdfIoQueueDispatchParallel, 2, 2},
+                 {WdfIoQueueDispatchParallel, 0, 0},
+                 {WdfIoQueueDispatchSequential, 0, 1}};
+    for (const auto& row : cases) {
+        SCOPED_TRACE(row.limit);
+        std::vector<WDFREQUEST> held;
+        behaviour.dispatchType = row.type;
+        behaviour.presentedRequests = row.limit;
+        behaviour.deviceControl = [&](WDFREQUEST request, size_t, size_t, ULONG) {
+            held.push_back(request);
+        };
+        ASSERT_EQ(Load(), STATUS_SUCCESS);
+        const auto client = Open();
+        const auto sent = Park(*client, 4);
+        EXPECT_EQ(held.size(), row.presentedOfFour);
+        // Each completion makes the next one due, in the completing thread.
+        for (size_t i = 0; i < held.size(); ++i)
+            WdfRequestComplete(held[i], STATUS_SUCCESS);
+        EXPECT_EQ(held.size(), row.presentedOfFour == 0 ? 0U : 4U);
+        client->Close();
+        for (const auto& one : sent) {
+            EXPECT_EQ(client->Wait(*one), held.empty() ? STATUS_CANCELLED : STATUS_SUCCESS);
+        }
+        ASSERT_EQ(Unload(), STATUS_SUCCESS);
     }
 }
-
-INSTANTIATE_TEST_SUITE_P(Kinds, LimitTest,
-                         testing::Values(LimitCase{WdfIoQueueDispatchParallel, 0xFFFFFFFF, 4},
-                                         LimitCase{WdfIoQueueDispatchParallel, 2, 2},
-                                         LimitCase{WdfIoQueueDispatchParallel, 0, 0},
-                                         LimitCase{WdfIoQueueDispatchSequential, 0, 1}));
 
 TEST_F(QueueTest, CompletionsInTheHandlerDoNotNest) {
     int depth = 0;
@@ -178,42 +164,6 @@ TEST_F(QueueTest, RequestsWithoutAHomeAreRefused) {
     EXPECT_EQ(client->Wait(*client->Send(kBuffered)), STATUS_INVALID_DEVICE_STATE);
     WdfIoQueueStart(objects.defaultQueue);
     EXPECT_EQ(client->Wait(*client->Send(kBuffered)), STATUS_SUCCESS);
-}
-
-TEST_F(QueueTest, DeviceWithoutDefaultQueueRefusesRequests) {
-    behaviour.makeDefaultQueue = false;
-    ASSERT_EQ(Load(), STATUS_SUCCESS);
-    {
-        const auto client = Open();
-        EXPECT_EQ(client->Wait(*client->Send(kBuffered)), STATUS_INVALID_DEVICE_REQUEST);
-    }
-    ASSERT_EQ(Unload(), STATUS_SUCCESS);
-    behaviour.inCallerContext = [](WDFDEVICE device, WDFREQUEST request) {
-        EXPECT_EQ(WdfDeviceEnqueueRequest(device, request), STATUS_INVALID_DEVICE_REQUEST);
-        WdfRequestComplete(request, STATUS_NO_MEMORY);  // the driver still owns it
-    };
-    ASSERT_EQ(Load(), STATUS_SUCCESS);
-    const auto client = Open();
-    EXPECT_EQ(client->Wait(*client->Send(kBuffered)), STATUS_NO_MEMORY);
-}
-
-TEST_F(QueueTest, RequestsWithoutAHandlerAreRefused) {
-    WDF_REQUEST_TYPE type = WdfRequestTypeCreate;
-    size_t length = 0;
-    behaviour.inCallerContext = [&](WDFDEVICE device, WDFREQUEST request) {
-        WDF_REQUEST_PARAMETERS parameters;
-        WDF_REQUEST_PARAMETERS_INIT(&parameters);
-        WdfRequestGetParameters(request, &parameters);
-        type = parameters.Type;
-        length = parameters.Parameters.ReadWrite.Length;
-        EXPECT_EQ(WdfDeviceEnqueueRequest(device, request), STATUS_SUCCESS);
-    };
-    ASSERT_EQ(Load(), STATUS_SUCCESS);
-    const auto client = Open();
-    EXPECT_EQ(client->Wait(*client->Write(std::vector<char>(5))), STATUS_INVALID_DEVICE_REQUEST);
-    EXPECT_EQ(type, WdfRequestTypeWrite);
-    EXPECT_EQ(length, 5U);
-    EXPECT_EQ(client->Wait(*client->Write({})), STATUS_SUCCESS) << "nothing to do is done at once";
 }
 
 // --- Finding and retrieving ----------------------------------------------------------------------
@@ -315,77 +265,57 @@ TEST_F(QueueTest, ForwardOfACancelledRequestCancelsIt) {
 
 // --- Cancellation --------------------------------------------------------------------------------
 
-enum class Cause { kCancelIo, kCloseFile, kPurge, kDeleteQueue };
-
-struct CancelCase {
-    const char* name;
-    Cause cause;
-    bool callback;   ///< the queue has EvtIoCanceledOnQueue
-    bool presented;  ///< the driver saw the request before
-    bool byDriver;   ///< who completes it
-};
-
-class CancelTest : public QueueTest, public testing::WithParamInterface<CancelCase> {
-protected:
-    /// A queue that requests reach without having been presented: the default queue, manual.
-    static WDFQUEUE QueueUnderTest() {
-        return GetParam().presented ? objects.parked : objects.defaultQueue;
-    }
-    void Cause(Client& client, Sent& sent) {
-        switch (GetParam().cause) {
-            case Cause::kCancelIo:
-                client.Cancel(sent);
-                break;
-            case Cause::kCloseFile:
-                client.Close();
-                break;
-            case Cause::kPurge:
-                WdfIoQueuePurge(QueueUnderTest(), nullptr, nullptr);
-                break;
-            case Cause::kDeleteQueue:
-                WdfObjectDelete(QueueUnderTest());
-                break;
+TEST_F(QueueTest, WhoeverMustCompletesACancelledRequest) {
+    enum class Cause { kCancelIo, kCloseFile, kPurge, kDeleteQueue };
+    using enum Cause;
+    const struct {
+        const char* name;
+        Cause cause;
+        bool callback;   ///< the queue has EvtIoCanceledOnQueue
+        bool presented;  ///< the driver saw the request before
+        bool byDriver;   ///< who completes it
+    } cases[] = {{"cancel", kCancelIo, true, true, true},
+                 {"cancel without callback", kCancelIo, false, true, false},
+                 {"cancel unseen", kCancelIo, true, false, false},
+                 {"close file", kCloseFile, true, true, true},
+                 {"close file unseen", kCloseFile, true, false, false},
+                 {"purge", kPurge, true, true, true},
+                 {"purge without callback", kPurge, false, true, false},
+                 {"delete queue", kDeleteQueue, true, true, true}};
+    for (const auto& row : cases) {
+        SCOPED_TRACE(row.name);
+        behaviour = {};
+        behaviour.cancelCallback = row.callback;
+        behaviour.cancelDefaultQueue = row.callback;
+        KIRQL callbackIrql = 0xFF;
+        behaviour.cancelled = [&](WDFREQUEST request) {
+            callbackIrql = KeGetCurrentIrql();
+            WdfRequestCompleteWithInformation(request, STATUS_CANCELLED, 77);
+        };
+        if (row.presented) {
+            ParkRequests();
+        } else {
+            behaviour.dispatchType = WdfIoQueueDispatchManual;
         }
-    }
-};
-
-TEST_P(CancelTest, WhoeverMustCompletesIt) {
-    behaviour.cancelCallback = GetParam().callback;
-    behaviour.cancelDefaultQueue = GetParam().callback;
-    KIRQL callbackIrql = 0xFF;
-    behaviour.cancelled = [&](WDFREQUEST request) {
-        callbackIrql = KeGetCurrentIrql();
-        WdfRequestCompleteWithInformation(request, STATUS_CANCELLED, 77);
-    };
-    if (GetParam().presented) {
-        ParkRequests();
-    } else {
-        behaviour.dispatchType = WdfIoQueueDispatchManual;
-    }
-    ASSERT_EQ(Load(), STATUS_SUCCESS);
-    const auto client = Open();
-    const auto sent = client->Send(kBuffered);
-    ASSERT_FALSE(sent->IsDone());
-    Cause(*client, *sent);
-    EXPECT_EQ(client->Wait(*sent), STATUS_CANCELLED);
-    EXPECT_EQ(sent->Information(), GetParam().byDriver ? 77U : 0U);
-    if (GetParam().byDriver) {
-        const bool raised = GetParam().cause == Cause::kCancelIo;
-        EXPECT_EQ(callbackIrql, raised ? DISPATCH_LEVEL : PASSIVE_LEVEL);
+        ASSERT_EQ(Load(), STATUS_SUCCESS);
+        // Requests reach the default queue, being manual, without having been presented.
+        WDFQUEUE queue = row.presented ? objects.parked : objects.defaultQueue;
+        auto client = Open();
+        const auto sent = client->Send(kBuffered);
+        ASSERT_FALSE(sent->IsDone());
+        if (row.cause == kCancelIo) client->Cancel(*sent);
+        if (row.cause == kCloseFile) client->Close();
+        if (row.cause == kPurge) WdfIoQueuePurge(queue, nullptr, nullptr);
+        if (row.cause == kDeleteQueue) WdfObjectDelete(queue);
+        EXPECT_EQ(client->Wait(*sent), STATUS_CANCELLED);
+        EXPECT_EQ(sent->Information(), row.byDriver ? 77U : 0U);
+        if (row.byDriver) {
+            EXPECT_EQ(callbackIrql, row.cause == kCancelIo ? DISPATCH_LEVEL : PASSIVE_LEVEL);
+        }
+        client.reset();
+        ASSERT_EQ(Unload(), STATUS_SUCCESS);
     }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Causes, CancelTest,
-    testing::Values(CancelCase{"CancelIo", Cause::kCancelIo, true, true, true},
-                    CancelCase{"CancelIoWithoutCallback", Cause::kCancelIo, false, true, false},
-                    CancelCase{"CancelIoUnseen", Cause::kCancelIo, true, false, false},
-                    CancelCase{"CloseFile", Cause::kCloseFile, true, true, true},
-                    CancelCase{"CloseFileUnseen", Cause::kCloseFile, true, false, false},
-                    CancelCase{"Purge", Cause::kPurge, true, true, true},
-                    CancelCase{"PurgeWithoutCallback", Cause::kPurge, false, true, false},
-                    CancelCase{"DeleteQueue", Cause::kDeleteQueue, true, true, true}),
-    [](const auto& instance) { return std::string(instance.param.name); });
 
 TEST_F(QueueTest, CallersContextCountsAsPresenting) {
     behaviour.inCallerContext = [](WDFDEVICE device, WDFREQUEST request) {
@@ -443,43 +373,7 @@ TEST_F(QueueTest, RequestBeingCancelledIsPassedOver) {
     EXPECT_EQ(CompleteAll(STATUS_SUCCESS), 1);
 }
 
-TEST_F(QueueTest, PassiveCallsFailInACancelCallback) {
-    ParkRequests();
-    behaviour.cancelled = [&](WDFREQUEST request) {
-        ExpectViolation(Rule::kIrqlTooHigh, [] { WdfDriverGetRegistryPath(objects.driver); });
-        WdfRequestComplete(request, STATUS_CANCELLED);
-    };
-    ASSERT_EQ(Load(), STATUS_SUCCESS);
-    const auto client = Open();
-    const auto sent = client->Send(kBuffered);
-    client->Cancel(*sent);
-    EXPECT_EQ(client->Wait(*sent), STATUS_CANCELLED);
-}
-
 // --- States --------------------------------------------------------------------------------------
-
-TEST_F(QueueTest, StateCallbacksComeWhenTheDriverHoldsNothing) {
-    HoldRequests();
-    int context = 0;
-    std::vector<WDFCONTEXT> completed;
-    behaviour.queueState = [&](WDFQUEUE queue, WDFCONTEXT given) {
-        EXPECT_EQ(queue, objects.defaultQueue);
-        completed.push_back(given);
-    };
-    ASSERT_EQ(Load(), STATUS_SUCCESS);
-    const auto client = Open();
-    const auto sent = client->Send(kBuffered);
-    WdfIoQueuePurge(objects.defaultQueue, OnQueueState, &context);
-    EXPECT_TRUE(completed.empty());
-    ExpectViolation(Rule::kFrameworkContract,
-                    [] { WdfIoQueueStop(objects.defaultQueue, OnQueueState, nullptr); },
-                    {"outstanding"});
-    WdfRequestComplete(LastHeld(), STATUS_SUCCESS);
-    EXPECT_EQ(completed, std::vector<WDFCONTEXT>{&context});
-    WdfIoQueueStop(objects.defaultQueue, OnQueueState, nullptr);
-    EXPECT_EQ(completed.size(), 2U) << "nothing is held: at once";
-    EXPECT_EQ(client->Wait(*sent), STATUS_SUCCESS);
-}
 
 }  // namespace
 }  // namespace framework_test

@@ -66,18 +66,12 @@ void NTAPI OnDeviceControl(WDFQUEUE, WDFREQUEST request, size_t output, size_t i
         WdfRequestComplete(request, STATUS_SUCCESS);
     }
 }
-void NTAPI OnDefault(WDFQUEUE, WDFREQUEST request) {
-    WdfRequestComplete(request, STATUS_SUCCESS);
-}
 void NTAPI OnCancelled(WDFQUEUE, WDFREQUEST request) {
     if (behaviour.cancelled) {
         behaviour.cancelled(request);
     } else {
         WdfRequestCompleteWithInformation(request, STATUS_CANCELLED, 77);
     }
-}
-void NTAPI OnShutdown(WDFDEVICE device) {
-    behaviour.shutdown(device);
 }
 void NTAPI OnWorkItem(WDFWORKITEM workItem) {
     behaviour.workItem(workItem);
@@ -87,9 +81,6 @@ void NTAPI OnCleanup(WDFOBJECT object) {
 }
 void NTAPI OnDestroy(WDFOBJECT object) {
     if (behaviour.destroy) behaviour.destroy(object);
-}
-void NTAPI OnQueueState(WDFQUEUE queue, WDFCONTEXT context) {
-    behaviour.queueState(queue, context);
 }
 
 NTSTATUS CreateDriver(PDRIVER_OBJECT driverObject, PUNICODE_STRING registryPath,
@@ -126,12 +117,8 @@ NTSTATUS CreateDefaultQueue() {
 }
 
 NTSTATUS CreateDevice(PWDFDEVICE_INIT& init) {
-    WdfDeviceInitSetExclusive(init, behaviour.exclusive);
     if (behaviour.inCallerContext) {
         WdfDeviceInitSetIoInCallerContextCallback(init, OnInCallerContext);
-    }
-    if (behaviour.shutdown) {
-        WdfControlDeviceInitSetShutdownNotification(init, OnShutdown, WdfDeviceShutdown);
     }
     NTSTATUS status = WdfDeviceInitAssignName(init, &kDeviceName);
     if (NT_SUCCESS(status)) status = WdfDeviceCreate(&init, nullptr, &objects.device);
@@ -146,7 +133,7 @@ NTSTATUS CreateDeviceAndQueues() {
     NTSTATUS status = CreateDevice(init);
     if (init != nullptr) WdfDeviceInitFree(init);
     if (NT_SUCCESS(status)) status = WdfDeviceCreateSymbolicLink(objects.device, &kLinkName);
-    if (NT_SUCCESS(status) && behaviour.makeDefaultQueue) status = CreateDefaultQueue();
+    if (NT_SUCCESS(status)) status = CreateDefaultQueue();
     if (NT_SUCCESS(status)) {
         status =
             CreateManualQueue(objects.device, behaviour.cancelCallback, nullptr, &objects.parked);
@@ -160,9 +147,7 @@ NTSTATUS CreateDeviceAndQueues() {
 NTSTATUS CreateWorkItem(WDFOBJECT parent, WDFWORKITEM* workItem) {
     WDF_WORKITEM_CONFIG config;
     WDF_WORKITEM_CONFIG_INIT(&config, OnWorkItem);
-    WDF_OBJECT_ATTRIBUTES attributes;
-    WDF_OBJECT_ATTRIBUTES_INIT(&attributes);
-    attributes.ParentObject = parent;
+    WDF_OBJECT_ATTRIBUTES attributes = Attributes(parent);
     return WdfWorkItemCreate(&config, &attributes, workItem);
 }
 

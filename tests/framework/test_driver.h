@@ -21,16 +21,12 @@ struct Behaviour {
     std::function<void(WDFREQUEST, size_t output, size_t input, ULONG code)> deviceControl;
     /// Default: completes with STATUS_CANCELLED and information 77, which only the driver would.
     std::function<void(WDFREQUEST)> cancelled;
-    std::function<void(WDFDEVICE)> shutdown;
     std::function<void(WDFWORKITEM)> workItem;
     std::function<void(WDFOBJECT)> cleanup;
     std::function<void(WDFOBJECT)> destroy;
-    std::function<void(WDFQUEUE, WDFCONTEXT)> queueState;
 
     // What CreateDeviceAndQueues makes.
     bool finishInitializing = true;
-    bool exclusive = false;
-    bool makeDefaultQueue = true;
     bool cancelCallback = true;       ///< the parked queue has EvtIoCanceledOnQueue
     bool cancelDefaultQueue = false;  ///< so has the default queue
     ULONG presentedRequests = 0xFFFFFFFF;
@@ -55,13 +51,10 @@ NTSTATUS NTAPI FxDriverEntry(PDRIVER_OBJECT driverObject, PUNICODE_STRING regist
 EVT_WDF_DRIVER_UNLOAD OnUnload;
 EVT_WDF_IO_IN_CALLER_CONTEXT OnInCallerContext;
 EVT_WDF_IO_QUEUE_IO_DEVICE_CONTROL OnDeviceControl;
-EVT_WDF_IO_QUEUE_IO_DEFAULT OnDefault;
 EVT_WDF_IO_QUEUE_IO_CANCELED_ON_QUEUE OnCancelled;
-EVT_WDF_DEVICE_SHUTDOWN_NOTIFICATION OnShutdown;
 EVT_WDF_WORKITEM OnWorkItem;
 EVT_WDF_OBJECT_CONTEXT_CLEANUP OnCleanup;
 EVT_WDF_OBJECT_CONTEXT_DESTROY OnDestroy;
-EVT_WDF_IO_QUEUE_STATE OnQueueState;
 
 /// WdfDriverCreate, the way non-Plug-and-Play drivers call it.
 NTSTATUS CreateDriver(PDRIVER_OBJECT driverObject, PUNICODE_STRING registryPath,
@@ -72,6 +65,15 @@ NTSTATUS CreateManualQueue(WDFDEVICE device, bool cancelCallback, PWDF_OBJECT_AT
                            WDFQUEUE* queue);
 /// A work item below `parent` that calls `behaviour.workItem`.
 NTSTATUS CreateWorkItem(WDFOBJECT parent, WDFWORKITEM* workItem);
+
+inline WDF_OBJECT_ATTRIBUTES Attributes(WDFOBJECT parent = nullptr,
+                                        const WDF_OBJECT_CONTEXT_TYPE_INFO* type = nullptr) {
+    WDF_OBJECT_ATTRIBUTES attributes;
+    WDF_OBJECT_ATTRIBUTES_INIT(&attributes);
+    attributes.ParentObject = parent;
+    attributes.ContextTypeInfo = type;
+    return attributes;
+}
 
 inline constexpr UNICODE_STRING kDeviceName = LiteralString(L"\\Device\\fwtest");
 inline constexpr UNICODE_STRING kLinkName = LiteralString(L"\\DosDevices\\fwtest");

@@ -1,6 +1,5 @@
 // Work items: creation, running, flushing and the end.
 #include "framework/framework_test.h"
-#include "platform/kernel/fault_injection.h"
 
 #include <atomic>
 #include <thread>
@@ -8,70 +7,59 @@
 namespace framework_test {
 namespace {
 
-using platform::Rule;
-
-class WorkItemTest : public FrameworkTest {};
+class WorkItemTest : public FrameworkTest {
+protected:
+    WDFWORKITEM MakeItem() {
+        WDFWORKITEM item = nullptr;
+        EXPECT_EQ(CreateWorkItem(objects.device, &item), STATUS_SUCCESS);
+        return item;
+    }
+};
 
 TEST_F(WorkItemTest, CreationChecksItsArguments) {
-    ASSERT_EQ(Load(), STATUS_SUCCESS);
-    struct Case {
-        const char* what;
-        NTSTATUS status;
-        std::function<void(WDF_WORKITEM_CONFIG&, WDF_OBJECT_ATTRIBUTES&)> change;
-    };
-    const Case cases[] = {
-        {"below the device", STATUS_SUCCESS, [](auto&, auto&) {}},
-        {"below a queue", STATUS_SUCCESS,
-         [](auto&, auto& attributes) { attributes.ParentObject = objects.parked; }},
-        {"no parent", STATUS_WDF_PARENT_NOT_SPECIFIED,
-         [](auto&, auto& attributes) { attributes.ParentObject = nullptr; }},
-        {"no device above", STATUS_INVALID_DEVICE_REQUEST,
-         [](auto&, auto& attributes) { attributes.ParentObject = objects.driver; }},
-        {"size", STATUS_INFO_LENGTH_MISMATCH, [](auto& config, auto&) { config.Size = 16; }},
-        {"no function", STATUS_INVALID_PARAMETER,
-         [](auto& config, auto&) { config.EvtWorkItemFunc = nullptr; }},
-    };
-    for (const Case& one : cases) {
-        SCOPED_TRACE(one.what);
-        WDF_WORKITEM_CONFIG config;
-        WDF_WORKITEM_CONFIG_INIT(&config, OnWorkItem);
-        WDF_OBJECT_ATTRIBUTES attributes;
-        WDF_OBJECT_ATTRIBUTES_INIT(&attributes);
-        attributes.ParentObject = objects.device;
-        one.change(config, attributes);
-        WDFWORKITEM item = nullptr;
-        EXPECT_EQ(WdfWorkItemCreate(&config, &attributes, &item), one.status);
-        EXPECT_EQ(item != nullptr, one.status == STATUS_SUCCESS);
-        if (item != nullptr) {
-            EXPECT_EQ(WdfWorkItemGetParentObject(item), attributes.ParentObject);
-        }
-    }
-    const platform::FaultPlan plan({.routine = "WdfWorkItemCreate"});
-    WDFWORKITEM item = nullptr;
-    EXPECT_EQ(CreateWorkItem(objects.device, &item), STATUS_INSUFFICIENT_RESOURCES);
-}
-
-TEST_F(WorkItemTest, SerializationUnderADispatchLevelScopeIsRefused) {
     behaviour.entry = [](PDRIVER_OBJECT driverObject, PUNICODE_STRING path) {
-        const NTSTATUS status = CreateDriver(driverObject, path);
-        if (!NT_SUCCESS(status)) return status;
+        EXPECT_EQ(CreateDriver(driverObject, path), STATUS_SUCCESS);
+        EXPECT_EQ(CreateDeviceAndQueues(), STATUS_SUCCESS);
+        // Another device, whose callbacks would be serialized at a raised level.
         PWDFDEVICE_INIT init = WdfControlDeviceInitAllocate(objects.driver, &kAllowEveryone);
-        WDF_OBJECT_ATTRIBUTES attributes;
-        WDF_OBJECT_ATTRIBUTES_INIT(&attributes);
+        WDF_OBJECT_ATTRIBUTES attributes = Attributes();
         attributes.SynchronizationScope = WdfSynchronizationScopeDevice;
         return WdfDeviceCreate(&init, &attributes, &objects.device);
     };
     ASSERT_EQ(Load(), STATUS_SUCCESS);
-    WDF_WORKITEM_CONFIG config;
-    WDF_WORKITEM_CONFIG_INIT(&config, OnWorkItem);
-    WDF_OBJECT_ATTRIBUTES attributes;
-    WDF_OBJECT_ATTRIBUTES_INIT(&attributes);
-    attributes.ParentObject = objects.device;
-    WDFWORKITEM item = nullptr;
-    EXPECT_EQ(WdfWorkItemCreate(&config, &attributes, &item),
-              STATUS_WDF_INCOMPATIBLE_EXECUTION_LEVEL);
-    config.AutomaticSerialization = FALSE;
-    EXPECT_EQ(WdfWorkItemCreate(&config, &attributes, &item), STATUS_SUCCESS);
+    const WDFDEVICE plain = WdfIoQueueGetDevice(objects.parked);
+    const struct {
+        const char* what;
+        NTSTATUS status;
+        WDFOBJECT parent;
+        ULONG size = sizeof(WDF_WORKITEM_CONFIG);
+        EVT_WDF_WORKITEM* function = OnWorkItem;
+        BOOLEAN serialized = TRUE;
+    } cases[] = {
+        {"below the device", STATUS_SUCCESS, plain},
+        {"below a queue", STATUS_SUCCESS, objects.parked},
+        {"no parent", STATUS_WDF_PARENT_NOT_SPECIFIED, nullptr},
+        {"no device above", STATUS_INVALID_DEVICE_REQUEST, objects.driver},
+        {"size", STATUS_INFO_LENGTH_MISMATCH, plain, 16},
+        {"no function", STATUS_INVALID_PARAMETER, plain, sizeof(WDF_WORKITEM_CONFIG), nullptr},
+        {"at a raised level", STATUS_WDF_INCOMPATIBLE_EXECUTION_LEVEL, objects.device},
+        {"not serialized", STATUS_SUCCESS, objects.device, sizeof(WDF_WORKITEM_CONFIG), OnWorkItem,
+         FALSE},
+    };
+    for (const auto& row : cases) {
+        SCOPED_TRACE(row.what);
+        WDF_WORKITEM_CONFIG config;
+        WDF_WORKITEM_CONFIG_INIT(&config, row.function);
+        config.Size = row.size;
+        config.AutomaticSerialization = row.serialized;
+        WDF_OBJECT_ATTRIBUTES attributes = Attributes(row.parent);
+        WDFWORKITEM item = nullptr;
+        EXPECT_EQ(WdfWorkItemCreate(&config, &attributes, &item), row.status);
+        EXPECT_EQ(item != nullptr, row.status == STATUS_SUCCESS);
+        if (item != nullptr) {
+            EXPECT_EQ(WdfWorkItemGetParentObject(item), row.parent);
+        }
+    }
 }
 
 TEST_F(WorkItemTest, RunsInASystemThreadAndMayEnqueueItself) {
@@ -84,8 +72,7 @@ TEST_F(WorkItemTest, RunsInASystemThreadAndMayEnqueueItself) {
         WdfWorkItemFlush(item);  // must not wait for itself
     };
     ASSERT_EQ(Load(), STATUS_SUCCESS);
-    WDFWORKITEM item = nullptr;
-    ASSERT_EQ(CreateWorkItem(objects.device, &item), STATUS_SUCCESS);
+    WDFWORKITEM item = MakeItem();
     WdfWorkItemEnqueue(item);
     WdfWorkItemFlush(item);
     EXPECT_EQ(runs, 2);
@@ -95,8 +82,7 @@ TEST_F(WorkItemTest, QueuedItemIsQueuedOnce) {
     std::atomic<int> runs{0};
     behaviour.workItem = [&](WDFWORKITEM) { ++runs; };
     ASSERT_EQ(Load(), STATUS_SUCCESS);
-    WDFWORKITEM item = nullptr;
-    ASSERT_EQ(CreateWorkItem(objects.device, &item), STATUS_SUCCESS);
+    WDFWORKITEM item = MakeItem();
     Signal go;
     constexpr int kMoreThanTheWorkers = 64;  // so that none is free for the item
     for (int i = 0; i < kMoreThanTheWorkers; ++i)
@@ -119,8 +105,7 @@ TEST_F(WorkItemTest, DeletionWaitsForTheCallback) {
         finished = true;
     };
     ASSERT_EQ(Load(), STATUS_SUCCESS);
-    WDFWORKITEM item = nullptr;
-    ASSERT_EQ(CreateWorkItem(objects.device, &item), STATUS_SUCCESS);
+    WDFWORKITEM item = MakeItem();
     WdfWorkItemEnqueue(item);
     started.Wait();
     bool finishedAtReturn = false;
@@ -140,8 +125,7 @@ TEST_F(WorkItemTest, CallbackMayDeleteItsItem) {
         done.Set();
     };
     ASSERT_EQ(Load(), STATUS_SUCCESS);
-    WDFWORKITEM item = nullptr;
-    ASSERT_EQ(CreateWorkItem(objects.device, &item), STATUS_SUCCESS);
+    WDFWORKITEM item = MakeItem();
     WdfWorkItemEnqueue(item);
     done.Wait();
     EXPECT_EQ(Unload(), STATUS_SUCCESS);
@@ -156,9 +140,7 @@ TEST_F(WorkItemTest, RaisedDeletionIsLeftToAWorker) {
     ASSERT_EQ(Load(), STATUS_SUCCESS);
     WDF_WORKITEM_CONFIG config;
     WDF_WORKITEM_CONFIG_INIT(&config, OnWorkItem);
-    WDF_OBJECT_ATTRIBUTES attributes;
-    WDF_OBJECT_ATTRIBUTES_INIT(&attributes);
-    attributes.ParentObject = objects.device;
+    WDF_OBJECT_ATTRIBUTES attributes = Attributes(objects.device);
     attributes.EvtCleanupCallback = OnCleanup;
     WDFWORKITEM item = nullptr;
     ASSERT_EQ(WdfWorkItemCreate(&config, &attributes, &item), STATUS_SUCCESS);

@@ -27,128 +27,82 @@ NTSTATUS PolledStatus(const IO_STATUS_BLOCK& ioStatus) {
 
 TEST_F(DeviceTest, BufferedRequestsCopyInputAndOutput) {
     TestDevice device;
-    device.onRequest = [](IRP* irp) {
+    NTSTATUS status = STATUS_BUFFER_OVERFLOW;  // a warning gives the caller its output, too
+    device.onRequest = [&](IRP* irp) {
         EXPECT_EQ(irp->inputLength, 3u);
         EXPECT_EQ(irp->outputLength, 8u);
         EXPECT_EQ(std::memcmp(irp->systemBuffer.get(), "abc", 3), 0);
         std::memcpy(irp->systemBuffer.get(), "12345678", 8);
-        // A warning gives the caller its output, too.
-        return TestDevice::Finish(irp, STATUS_BUFFER_OVERFLOW, 5);
+        return TestDevice::Finish(irp, status, 5);
     };
     const HANDLE handle = MustOpen();
-    IO_STATUS_BLOCK ioStatus{};
-    char input[] = "abc";
-    char output[] = "--------";
-    EXPECT_EQ(Control(handle, ioStatus, kBuffered, nullptr, input, 3, output, 8),
-              STATUS_BUFFER_OVERFLOW);
-    EXPECT_STREQ(output, "12345---");
-    EXPECT_EQ(ioStatus.Status, STATUS_BUFFER_OVERFLOW);
-    EXPECT_EQ(ioStatus.Information, 5u);
-
-    device.onRequest = [](IRP* irp) {
-        std::memcpy(irp->systemBuffer.get(), "zzzzzzzz", 8);
-        return TestDevice::Finish(irp, STATUS_UNSUCCESSFUL, 8);
-    };
-    EXPECT_EQ(Control(handle, ioStatus, kBuffered, nullptr, nullptr, 0, output, 8),
-              STATUS_UNSUCCESSFUL);
-    EXPECT_STREQ(output, "12345---");
+    for (const NTSTATUS given : {STATUS_BUFFER_OVERFLOW, STATUS_UNSUCCESSFUL}) {
+        status = given;
+        IO_STATUS_BLOCK ioStatus{};
+        char input[] = "abc";
+        char output[] = "--------";
+        EXPECT_EQ(Control(handle, ioStatus, kBuffered, nullptr, input, 3, output, 8), given);
+        EXPECT_STREQ(output, given == STATUS_UNSUCCESSFUL ? "--------" : "12345---");
+        if (given == STATUS_UNSUCCESSFUL) continue;
+        EXPECT_EQ(ioStatus.Status, given);
+        EXPECT_EQ(ioStatus.Information, 5u);
+    }
     NtClose(handle);
 }
 
-TEST_F(DeviceTest, DirectRequestsLockTheOutput) {
+TEST_F(DeviceTest, DirectAndNeitherRequestsReachTheCallersMemory) {
     TestDevice device;
-    device.onRequest = [](IRP* irp) {
-        EXPECT_EQ(std::memcmp(irp->systemBuffer.get(), "in", 2), 0);
-        if (irp->outputLength == 0) {
-            EXPECT_EQ(irp->mdl, nullptr);
-            return TestDevice::Finish(irp, STATUS_SUCCESS);
+    auto* output = static_cast<char*>(AllocateUserMemory(64));
+    char input[] = "in";
+    device.onRequest = [&](IRP* irp) {
+        EXPECT_EQ(irp->requestorMode, UserMode);
+        EXPECT_EQ(&irp->thread->Owner(), process_.get());
+        if (irp->systemBuffer == nullptr) {
+            EXPECT_EQ(irp->type3InputBuffer, input);
+            EXPECT_EQ(irp->userBuffer, output + 5);
+            std::memcpy(irp->userBuffer, "out", 3);
+        } else {
+            EXPECT_EQ(std::memcmp(irp->systemBuffer.get(), "in", 2), 0);
+            EXPECT_EQ(irp->mdl->Length(), 10u);
+            std::memcpy(irp->mdl->SystemAddress(), "out", 3);
         }
-        EXPECT_EQ(irp->mdl->Length(), irp->outputLength);
-        std::memcpy(irp->mdl->SystemAddress(), "out", 3);
         return TestDevice::Finish(irp, STATUS_SUCCESS, 1000);  // means what the driver likes
     };
     const HANDLE handle = MustOpen();
-    auto* output = static_cast<char*>(AllocateUserMemory(64));
-    char input[] = "in";
-    for (ULONG method : {METHOD_IN_DIRECT, METHOD_OUT_DIRECT}) {
+    for (ULONG method : {METHOD_IN_DIRECT, METHOD_OUT_DIRECT, METHOD_NEITHER}) {
         SCOPED_TRACE(method);
-        const ULONG code = ControlCode(0x802, method);
         IO_STATUS_BLOCK ioStatus{};
         std::memset(output, 0, 64);
-        EXPECT_EQ(Control(handle, ioStatus, code, nullptr, input, 2, output + 5, 10),
+        EXPECT_EQ(Control(handle, ioStatus, ControlCode(0x802, method), nullptr, input, 2,
+                          output + 5, 10),
                   STATUS_SUCCESS);
         EXPECT_STREQ(output + 5, "out");
         EXPECT_EQ(ioStatus.Information, 1000u);
-        EXPECT_EQ(Control(handle, ioStatus, code, nullptr, input, 2), STATUS_SUCCESS);
     }
     FreeUserMemory(output);
     NtClose(handle);
 }
 
-TEST_F(DeviceTest, NeitherRequestsPassTheCallersAddresses) {
-    TestDevice device;
-    char input = 0;
-    device.onRequest = [&](IRP* irp) {
-        EXPECT_EQ(irp->type3InputBuffer, &input);
-        EXPECT_EQ(irp->userBuffer, kBadAddress);
-        EXPECT_EQ(irp->systemBuffer, nullptr);
-        EXPECT_EQ(irp->requestorMode, UserMode);
-        EXPECT_EQ(&irp->thread->Owner(), process_.get());
-        return TestDevice::Finish(irp, STATUS_SUCCESS);
-    };
-    const HANDLE handle = MustOpen();
-    IO_STATUS_BLOCK ioStatus{};
-    EXPECT_EQ(Control(handle, ioStatus, kNeither, nullptr, &input, 1, kBadAddress, 4),
-              STATUS_SUCCESS);
-    NtClose(handle);
-}
-
-TEST_F(DeviceTest, ReadsAndWritesCarryTheirBuffer) {
-    TestDevice device;
-    device.onRequest = [](IRP* irp) {
-        EXPECT_EQ(irp->byteOffset, 7);
-        std::byte* buffer = irp->systemBuffer.get();
-        if (irp->major == IRP_MJ_WRITE) {
-            EXPECT_EQ(std::memcmp(buffer, "data", irp->inputLength), 0);
-            return TestDevice::Finish(irp, STATUS_SUCCESS, irp->inputLength);
-        }
-        std::memcpy(buffer, "text", irp->outputLength);
-        return TestDevice::Finish(irp, STATUS_SUCCESS, irp->outputLength);
-    };
-    const HANDLE handle = MustOpen();
-    IO_STATUS_BLOCK ioStatus{};
-    LARGE_INTEGER offset{.QuadPart = 7};
-    char buffer[] = "data";
-    EXPECT_EQ(
-        NtWriteFile(handle, nullptr, nullptr, nullptr, &ioStatus, buffer, 4, &offset, nullptr),
-        STATUS_SUCCESS);
-    EXPECT_EQ(NtReadFile(handle, nullptr, nullptr, nullptr, &ioStatus, buffer, 4, &offset, nullptr),
-              STATUS_SUCCESS);
-    EXPECT_STREQ(buffer, "text");
-    NtClose(handle);
-}
-
 TEST_F(DeviceTest, ControlCodesNameTheAccessTheyNeed) {
     TestDevice device;
-    struct Case {
+    constexpr ULONG kBoth = FILE_READ_ACCESS | FILE_WRITE_ACCESS;
+    const struct {
         ACCESS_MASK granted;
         ULONG required;
         NTSTATUS status;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {FILE_READ_DATA, FILE_ANY_ACCESS, STATUS_SUCCESS},
         {FILE_READ_DATA, FILE_READ_ACCESS, STATUS_SUCCESS},
         {FILE_READ_DATA, FILE_WRITE_ACCESS, STATUS_ACCESS_DENIED},
-        {FILE_WRITE_DATA, FILE_READ_ACCESS, STATUS_ACCESS_DENIED},
-        {FILE_WRITE_DATA, FILE_READ_ACCESS | FILE_WRITE_ACCESS, STATUS_ACCESS_DENIED},
-        {FILE_READ_DATA | FILE_WRITE_DATA, FILE_READ_ACCESS | FILE_WRITE_ACCESS, STATUS_SUCCESS},
+        {FILE_WRITE_DATA, kBoth, STATUS_ACCESS_DENIED},
+        {FILE_READ_DATA | FILE_WRITE_DATA, kBoth, STATUS_SUCCESS},
     };
-    for (const Case& each : cases) {
-        SCOPED_TRACE(::testing::Message() << each.granted << " for " << each.required);
-        const HANDLE handle = MustOpen(TestDevice::kName, each.granted);
+    for (const auto& row : cases) {
+        const HANDLE handle = MustOpen(TestDevice::kName, row.granted);
         IO_STATUS_BLOCK ioStatus{};
-        EXPECT_EQ(Control(handle, ioStatus, ControlCode(0x803, METHOD_BUFFERED, each.required)),
-                  each.status);
+        EXPECT_EQ(Control(handle, ioStatus, ControlCode(0x803, METHOD_BUFFERED, row.required)),
+                  row.status)
+            << row.granted << " for " << row.required;
         NtClose(handle);
     }
 }
@@ -160,101 +114,31 @@ TEST_F(DeviceTest, BadArgumentsNeverReachTheDriver) {
     char byte = 0;
     const auto readOnly = const_cast<char*>("text that cannot be written");
     const ULONG direct = ControlCode(0x802, METHOD_OUT_DIRECT);
-    EXPECT_EQ(Control(handle, ioStatus, kBuffered, nullptr, kBadAddress, 4),
-              STATUS_ACCESS_VIOLATION);
-    EXPECT_EQ(Control(handle, ioStatus, kBuffered, nullptr, nullptr, 0, kBadAddress, 4),
-              STATUS_ACCESS_VIOLATION);
-    EXPECT_EQ(Control(handle, ioStatus, kBuffered, nullptr, nullptr, 0, readOnly, 4),
-              STATUS_ACCESS_VIOLATION);
-    EXPECT_EQ(Control(handle, ioStatus, direct, nullptr, nullptr, 0, readOnly, 4),
-              STATUS_ACCESS_VIOLATION);
-    EXPECT_EQ(Control(handle, ioStatus, direct, nullptr, kBadAddress, 4, &byte, 1),
-              STATUS_ACCESS_VIOLATION);
+    const struct {
+        ULONG code;
+        void* input;
+        void* output;
+    } cases[] = {{kBuffered, kBadAddress, nullptr},
+                 {kBuffered, nullptr, kBadAddress},
+                 {kBuffered, nullptr, readOnly},
+                 {direct, nullptr, readOnly},
+                 {direct, kBadAddress, &byte}};
+    for (const auto& row : cases) {
+        EXPECT_EQ(Control(handle, ioStatus, row.code, nullptr, row.input, row.input ? 4 : 0,
+                          row.output, row.output ? 1 : 0),
+                  STATUS_ACCESS_VIOLATION)
+            << &row - cases;
+    }
     EXPECT_EQ(Control(handle, *static_cast<IO_STATUS_BLOCK*>(kBadAddress), kBuffered),
               STATUS_ACCESS_VIOLATION);
-    EXPECT_EQ(Control(nullptr, ioStatus, kBuffered), STATUS_INVALID_HANDLE);
     EXPECT_EQ(Control(handle, ioStatus, kBuffered, handle), STATUS_OBJECT_TYPE_MISMATCH);
     for (const char* routine : {"NtDeviceIoControlFile", "MmProbeAndLockPages"}) {
-        SCOPED_TRACE(routine);
         const FaultPlan fault({.routine = routine, .status = STATUS_NO_MEMORY});
         EXPECT_EQ(Control(handle, ioStatus, direct, nullptr, nullptr, 0, &byte, 1),
-                  STATUS_NO_MEMORY);
+                  STATUS_NO_MEMORY)
+            << routine;
     }
     EXPECT_EQ(device.Majors(), (std::vector<int>{IRP_MJ_CREATE}));
-    NtClose(handle);
-}
-
-TEST_F(DeviceTest, AsynchronousRequestPendsUntilCompleted) {
-    TestDevice device;
-    device.onRequest = [&](IRP* irp) { return device.Park(irp); };
-    const HANDLE handle = MustOpen();
-    const HANDLE event = MakeEvent();
-    NtSetEvent(event, nullptr);
-    IO_STATUS_BLOCK ioStatus{};
-    char output[4] = {};
-    EXPECT_EQ(Control(handle, ioStatus, kBuffered, event, nullptr, 0, output, 4), STATUS_PENDING);
-    EXPECT_FALSE(IsSet(event));  // sending clears it
-
-    // Completion comes from a thread of no process of the machine, and above PASSIVE_LEVEL.
-    std::thread([&] {
-        IRP* irp = device.TakeParked();
-        std::memcpy(irp->systemBuffer.get(), "done", 4);
-        const KIRQL irql = KfRaiseIrql(DISPATCH_LEVEL);
-        TestDevice::Finish(irp, STATUS_SUCCESS, 4);
-        KeLowerIrql(irql);
-    }).join();
-    EXPECT_EQ(Wait(event), STATUS_WAIT_0);
-    EXPECT_EQ(ioStatus.Status, STATUS_SUCCESS);
-    EXPECT_EQ(ioStatus.Information, 4u);
-    EXPECT_EQ(std::string_view(output, 4), "done");
-    NtClose(event);
-    NtClose(handle);
-}
-
-TEST_F(DeviceTest, PendingIsReturnedThoughTheRequestIsDoneAlready) {
-    TestDevice device;
-    device.onRequest = [](IRP* irp) {
-        TestDevice::Finish(irp, STATUS_SUCCESS, 9);
-        return STATUS_PENDING;
-    };
-    IO_STATUS_BLOCK ioStatus{};
-    const HANDLE handle = MustOpen();
-    EXPECT_EQ(Control(handle, ioStatus, kNeither), STATUS_PENDING);
-    EXPECT_EQ(ioStatus.Information, 9u);
-    NtClose(handle);
-
-    const HANDLE waiting = MustOpen(TestDevice::kName, kReadWrite, FILE_SYNCHRONOUS_IO_NONALERT);
-    EXPECT_EQ(Control(waiting, ioStatus, kNeither), STATUS_SUCCESS);
-    NtClose(waiting);
-}
-
-TEST_F(DeviceTest, SynchronousRequestWaitsAndCanBeCancelled) {
-    TestDevice device;
-    std::barrier parked(2);
-    device.onRequest = [&](IRP* irp) {
-        const NTSTATUS status = device.Park(irp);
-        parked.arrive_and_wait();
-        return status;
-    };
-    const HANDLE handle = MustOpen(TestDevice::kName, kReadWrite, FILE_SYNCHRONOUS_IO_NONALERT);
-    for (const bool cancel : {false, true}) {
-        SCOPED_TRACE(cancel);
-        std::thread helper([&] {
-            ThreadScope scope(*process_);
-            parked.arrive_and_wait();
-            IO_STATUS_BLOCK ioStatus{};
-            if (cancel) {
-                EXPECT_EQ(NtCancelIoFileEx(handle, nullptr, &ioStatus), STATUS_SUCCESS);
-            } else {
-                TestDevice::Finish(device.TakeParked(), STATUS_SUCCESS, 3);
-            }
-        });
-        IO_STATUS_BLOCK ioStatus{};
-        const NTSTATUS expected = cancel ? STATUS_CANCELLED : STATUS_SUCCESS;
-        EXPECT_EQ(Control(handle, ioStatus, kBuffered), expected);
-        EXPECT_EQ(ioStatus.Status, expected);
-        helper.join();
-    }
     NtClose(handle);
 }
 

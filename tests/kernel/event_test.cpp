@@ -1,11 +1,12 @@
-#include "platform/kernel/futex.h"
-#include "platform/kernel/time.h"
-
+// Events by address and by handle, rundown protection, and the clock.
 #include "bugcheck_matchers.h"
+#include "platform/kernel/handle_table.h"
+#include "platform/kernel/process.h"
+#include "platform/kernel/syscalls.h"
+#include "platform/kernel/time.h"
 
 #include <gtest/gtest.h>
 
-#include <array>
 #include <atomic>
 #include <thread>
 #include <vector>
@@ -98,6 +99,35 @@ TEST(Event, WrongUseStopsTheMachine) {
     KEVENT zeros{};
     EXPECT_EQ(RuleBrokenBy([&] { KeSetEvent(&zeros, 0, FALSE); }),
               (BrokenRule{Rule::kObjectBadReference, &zeros}));
+}
+
+class EventHandles : public testing::Test {
+protected:
+    ~EventHandles() override {
+        for (HANDLE handle : handles_) {
+            EXPECT_EQ(NtClose(handle), STATUS_SUCCESS);
+        }
+    }
+    HANDLE Make(EVENT_TYPE type, BOOLEAN state, ACCESS_MASK access = GENERIC_ALL) {
+        HANDLE handle = nullptr;
+        EXPECT_EQ(NtCreateEvent(&handle, access, nullptr, type, state), STATUS_SUCCESS);
+        handles_.push_back(handle);
+        return handle;
+    }
+    std::vector<HANDLE> handles_;
+    LARGE_INTEGER none_{};
+};
+
+TEST_F(EventHandles, WaitingForSeveralTakesTheFirstThatIsSet) {
+    HANDLE handles[] = {Make(NotificationEvent, FALSE), Make(SynchronizationEvent, TRUE),
+                        Make(SynchronizationEvent, TRUE)};
+    EXPECT_EQ(NtWaitForMultipleObjects(3, handles, 1, FALSE, nullptr), STATUS_WAIT_0 + 1);
+    EXPECT_EQ(NtWaitForMultipleObjects(3, handles, 1, FALSE, &none_), STATUS_WAIT_0 + 2);
+    EXPECT_EQ(NtWaitForMultipleObjects(3, handles, 1, FALSE, &none_), STATUS_TIMEOUT);
+    LONG before = 7;
+    EXPECT_EQ(NtSetEvent(handles[0], &before), STATUS_SUCCESS);
+    EXPECT_EQ(before, 0);
+    EXPECT_EQ(NtWaitForSingleObject(handles[0], FALSE, &none_), STATUS_WAIT_0);
 }
 
 TEST(Rundown, WaitsForEveryHolderAndThenRefuses) {

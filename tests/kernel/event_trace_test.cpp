@@ -1,7 +1,6 @@
 #include "platform/kernel/event_trace.h"
 
 #include "bugcheck_matchers.h"
-#include "platform/kernel/fault_injection.h"
 
 #include <gtest/gtest.h>
 
@@ -99,55 +98,13 @@ TEST(EventTrace, LevelAndKeywordsSelectEvents) {
     EXPECT_EQ(Write(0, 1, 0, 0), STATUS_INVALID_HANDLE);
 }
 
-TEST(EventTrace, ArgumentsAreCopiedAsWritten) {
-    std::vector<TraceEvent> received;
-    TraceController controller(kProvider,
-                               [&](const TraceEvent& event) { received.push_back(event); });
-    controller.Enable(0, 0);
-    Log log;
-    const REGHANDLE handle = Register(log);
-    {
-        const std::uint32_t number = 0xCAFEF00D;
-        const char16_t wide[] = u"key";
-        const char narrow[] = "key";
-        EVENT_DATA_DESCRIPTOR data[] = {
-            {reinterpret_cast<ULONGLONG>(&number), 4, 0},
-            {reinterpret_cast<ULONGLONG>(wide), sizeof(wide), 0},
-            {reinterpret_cast<ULONGLONG>(wide), 4, 0},
-            {reinterpret_cast<ULONGLONG>(narrow), sizeof(narrow), 0},
-            {0, 0, 0},
-        };
-        const EVENT_DESCRIPTOR event{1, 0, 0, 2, 0, 0, 1};
-        EXPECT_EQ(EtwWrite(handle, &event, nullptr, 5, data), STATUS_SUCCESS);
-    }
-    ASSERT_EQ(received.size(), 1U);
-    const TraceEvent& event = received.front();
-    EXPECT_EQ(event.Number(0), 0xCAFEF00DU);
-    EXPECT_EQ(event.Text(1), u"key");
-    EXPECT_EQ(event.Text(2), u"ke");
-    EXPECT_EQ(event.NarrowText(3), "key");
-    EXPECT_EQ(event.Text(4), u"");
-    EXPECT_EQ(event.processId, reinterpret_cast<std::uintptr_t>(PsGetCurrentProcessId()));
-    EXPECT_THROW(event.Number(5), std::out_of_range);
-    EXPECT_THROW(event.Number(4), std::invalid_argument);
-    EtwUnregister(handle);
-}
-
-TEST(EventTrace, RegistrationCanFailAndChecksLevels) {
-    Log log;
+TEST(EventTrace, RegistrationNeedsPassiveLevel) {
     REGHANDLE handle = 0;
-    {
-        const FaultPlan plan({.routine = "EtwRegister", .status = STATUS_NO_MEMORY});
-        EXPECT_EQ(EtwRegister(&kProvider, nullptr, nullptr, &handle), STATUS_NO_MEMORY);
-        EXPECT_EQ(handle, 0U);
-    }
     EXPECT_EQ(RuleBrokenBy([&] {
                   KfRaiseIrql(APC_LEVEL);
                   EtwRegister(&kProvider, nullptr, nullptr, &handle);
               }),
               BrokenRule{Rule::kIrqlTooHigh});
-    const TraceController controller(kProvider, [](const TraceEvent&) {});
-    EXPECT_THROW(TraceController(kProvider, nullptr), std::logic_error);
 }
 
 TEST(EventTrace, NothingIsDeliveredAfterDisableReturns) {

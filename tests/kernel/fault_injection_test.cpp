@@ -81,30 +81,5 @@ TEST(FaultPlan, CountsConcurrentCallsExactly) {
     EXPECT_EQ(plan.MatchingCalls(), 2000U);
 }
 
-/// Takes three blocks and gives all back, whatever fails.
-bool TakeThree() {
-    void* blocks[3] = {};
-    bool good = true;
-    for (void*& block : blocks) {
-        block = good ? ExAllocatePoolWithTag(PagedPool, 8, kTag) : nullptr;
-        good = block != nullptr;
-    }
-    for (void* block : blocks) {
-        if (block != nullptr) ExFreePoolWithTag(block, kTag);
-    }
-    return good;
-}
-
-TEST(FaultPlan, WalkVisitsEachCallOnce) {
-    std::uint64_t call = 1;
-    for (bool fired = true; fired; ++call) {
-        const FaultPlan plan({.routine = "*", .nth = call, .thisThreadOnly = true});
-        const bool good = TakeThree();
-        fired = plan.Fired();
-        EXPECT_EQ(good, !fired);
-    }
-    EXPECT_EQ(call, 5U);
-}
-
 }  // namespace
 }  // namespace platform

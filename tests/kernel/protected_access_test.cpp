@@ -47,11 +47,9 @@ TEST_F(ProtectedAccess, FaultsAtEveryOffsetFromABoundary) {
                 EXPECT_EQ(PlatformCopyProtected(buffer.data(), memory, size), whole)
                     << size << " " << inside;
                 if (whole) {
-                    EXPECT_EQ(buffer, [&] {
-                        std::vector<unsigned char> expected(64, 0);
-                        std::memset(expected.data(), 0x5A, size);
-                        return expected;
-                    }());
+                    std::vector<unsigned char> expected(64, 0);
+                    std::memset(expected.data(), 0x5A, size);
+                    EXPECT_EQ(buffer, expected);
                 }
                 std::memset(buffer.data(), 0x5A, size);
                 EXPECT_EQ(PlatformCopyProtected(memory, buffer.data(), size), whole)

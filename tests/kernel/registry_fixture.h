@@ -107,31 +107,31 @@ inline ValueData QueryValue(HANDLE key, std::u16string_view name) {
             std::string(reinterpret_cast<const char*>(answer->Data), answer->DataLength)};
 }
 
-/// The names that enumeration gives, in its order.
-inline std::vector<std::u16string> SubkeyNames(HANDLE key) {
+/// The names that an enumeration gives, in its order; `next` asks for the entry with an index.
+template <typename Information, typename Next>
+std::vector<std::u16string> NamesOf(Next next) {
     std::vector<std::u16string> names;
     alignas(8) char buffer[1024];
     ULONG length = 0;
-    while (NtEnumerateKey(key, static_cast<ULONG>(names.size()), KeyBasicInformation, buffer,
-                          sizeof(buffer), &length) == STATUS_SUCCESS) {
-        const auto* answer = reinterpret_cast<const KEY_BASIC_INFORMATION*>(buffer);
+    while (next(static_cast<ULONG>(names.size()), buffer, ULONG{sizeof(buffer)}, &length) ==
+           STATUS_SUCCESS) {
+        const auto* answer = reinterpret_cast<const Information*>(buffer);
         names.emplace_back(reinterpret_cast<const char16_t*>(answer->Name),
                            answer->NameLength / sizeof(WCHAR));
     }
     return names;
 }
 
+inline std::vector<std::u16string> SubkeyNames(HANDLE key) {
+    return NamesOf<KEY_BASIC_INFORMATION>([key](ULONG index, auto... rest) {
+        return NtEnumerateKey(key, index, KeyBasicInformation, rest...);
+    });
+}
+
 inline std::vector<std::u16string> ValueNames(HANDLE key) {
-    std::vector<std::u16string> names;
-    alignas(8) char buffer[1024];
-    ULONG length = 0;
-    while (NtEnumerateValueKey(key, static_cast<ULONG>(names.size()), KeyValueBasicInformation,
-                               buffer, sizeof(buffer), &length) == STATUS_SUCCESS) {
-        const auto* answer = reinterpret_cast<const KEY_VALUE_BASIC_INFORMATION*>(buffer);
-        names.emplace_back(reinterpret_cast<const char16_t*>(answer->Name),
-                           answer->NameLength / sizeof(WCHAR));
-    }
-    return names;
+    return NamesOf<KEY_VALUE_BASIC_INFORMATION>([key](ULONG index, auto... rest) {
+        return NtEnumerateValueKey(key, index, KeyValueBasicInformation, rest...);
+    });
 }
 
 /// The full name as a query of the key gives it.

@@ -150,14 +150,13 @@ TEST_F(RegistryQueryTest, ContentsOfValueAnswers) {
 TEST_F(RegistryQueryTest, EndsAndClassesThatDoNotExist) {
     char buffer[64];
     ULONG length = 0;
-    EXPECT_EQ(Subkey(2, KeyBasicInformation)(buffer, 64, &length), STATUS_NO_MORE_ENTRIES);
-    EXPECT_EQ(ValueAt(2, KeyValueBasicInformation)(buffer, 64, &length), STATUS_NO_MORE_ENTRIES);
-    EXPECT_EQ(Subkey(~0U, KeyBasicInformation)(buffer, 64, &length), STATUS_NO_MORE_ENTRIES);
+    for (const ULONG index : {2u, ~0u}) {
+        EXPECT_EQ(Subkey(index, KeyBasicInformation)(buffer, 64, &length), STATUS_NO_MORE_ENTRIES);
+        EXPECT_EQ(ValueAt(index, KeyValueBasicInformation)(buffer, 64, &length),
+                  STATUS_NO_MORE_ENTRIES);
+    }
     EXPECT_EQ(Subkey(0, KeyNameInformation)(buffer, 64, &length), STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(Subkey(0, KeyFlagsInformation)(buffer, 64, &length), STATUS_INVALID_PARAMETER);
     EXPECT_EQ(Key(static_cast<KEY_INFORMATION_CLASS>(10))(buffer, 64, &length),
-              STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(ValueAt(0, static_cast<KEY_VALUE_INFORMATION_CLASS>(5))(buffer, 64, &length),
               STATUS_INVALID_PARAMETER);
 }
 
@@ -169,6 +168,60 @@ TEST_F(RegistryQueryTest, SubkeysComeByUpperCaseName) {
     EXPECT_EQ(SubkeyNames(parent), (std::vector<std::u16string>{u"A", u"a0", u"b", u"B1", u"c",
                                                                 u"_", u"\u00C8", u"\u00E9"}));
     EXPECT_EQ(OpenKeyOf(u"\u00C9", {.root = parent}).status, STATUS_SUCCESS);
+}
+
+TEST_F(RegistryQueryTest, SeveralValuesFillTheBufferInOrder) {
+    SetValue(key_, u"five", REG_BINARY, "12345");
+    SetValue(key_, u"none", REG_NONE, "");
+    SetValue(key_, u"", REG_SZ, "ab");
+    const struct {
+        std::vector<const char16_t*> names;
+        ULONG room;
+        NTSTATUS status;
+        ULONG used, required;
+        std::vector<ULONG> offsets;  ///< of the entries that were filled
+    } cases[] = {
+        {{}, 0, STATUS_SUCCESS, 0, 0, {}},
+        {{u"five"}, 5, STATUS_SUCCESS, 5, 5, {0}},
+        {{u"FIVE", u"", u"none"}, 12, STATUS_SUCCESS, 12, 12, {0, 8, 12}},
+        {{u"none", u"five", u"five"}, 13, STATUS_SUCCESS, 13, 13, {0, 0, 8}},
+        // What comes behind the first that does not fit is only counted.
+        {{u"five", u"five", u"none"}, 12, STATUS_BUFFER_OVERFLOW, 5, 16, {0}},
+        {{u"five"}, 0, STATUS_BUFFER_OVERFLOW, 0, 5, {}},
+        {{u"five", u"missing"}, 64, STATUS_OBJECT_NAME_NOT_FOUND, 64, 77, {0}},
+    };
+    for (const auto& row : cases) {
+        SCOPED_TRACE(&row - cases);
+        std::vector<UNICODE_STRING> names;
+        for (const char16_t* name : row.names) {
+            names.push_back(Describe(name));
+        }
+        constexpr ULONG kUntouched = 99;
+        std::vector<KEY_VALUE_ENTRY> entries;
+        for (UNICODE_STRING& name : names) {
+            entries.push_back({&name, kUntouched, kUntouched, kUntouched});
+        }
+        char buffer[64]{};
+        ULONG length = row.room;
+        ULONG required = 77;
+        EXPECT_EQ(NtQueryMultipleValueKey(key_, entries.data(), static_cast<ULONG>(entries.size()),
+                                          buffer, &length, &required),
+                  row.status);
+        EXPECT_EQ(length, row.used);
+        EXPECT_EQ(required, row.required);
+        for (std::size_t index = 0; index < entries.size(); ++index) {
+            const KEY_VALUE_ENTRY& entry = entries[index];
+            const bool filled = index < row.offsets.size();
+            EXPECT_EQ(entry.DataOffset, filled ? row.offsets[index] : kUntouched) << index;
+            if (!filled) continue;
+            const ValueData value = QueryValue(key_, row.names[index]);
+            EXPECT_EQ(entry.Type, value.type);
+            EXPECT_EQ(std::string(buffer + entry.DataOffset, entry.DataLength), value.data);
+        }
+    }
+    ULONG length = 8;
+    EXPECT_EQ(NtQueryMultipleValueKey(key_, nullptr, 1, &length, &length, nullptr),
+              STATUS_ACCESS_VIOLATION);
 }
 
 }  // namespace

@@ -1,8 +1,6 @@
 #include "platform/kernel/text.h"
-#include "platform/kernel/version.h"
 
 #include "bugcheck_matchers.h"
-#include "platform/kernel/fault_injection.h"
 
 #include <gtest/gtest.h>
 
@@ -20,11 +18,8 @@ TEST(Strings, InitializingMeasuresUpToTheLimit) {
     RtlInitUnicodeString(&text, L"abc");
     EXPECT_EQ(text.Length, 6);
     EXPECT_EQ(text.MaximumLength, 8);
-    const std::vector<WCHAR> longest = [] {
-        std::vector<WCHAR> characters(40'000, L'x');
-        characters.back() = 0;
-        return characters;
-    }();
+    std::vector<WCHAR> longest(40'000, L'x');
+    longest.back() = 0;
     RtlInitUnicodeString(&text, longest.data());
     EXPECT_EQ(text.Length, 0xFFFC);
     EXPECT_EQ(text.MaximumLength, 0xFFFE);
@@ -116,29 +111,21 @@ TEST(Strings, ComparisonsAgree) {
 }
 
 TEST(Strings, UpperCaseMapsLettersOneToOne) {
-    const struct {
-        char16_t lower, upper;
-    } rows[] = {
-        {u'a', u'A'},     {u'z', u'Z'},     {u'`', u'`'},     {u'{', u'{'},     {0xE9, 0xC9},
-        {0xF7, 0xF7},     {0xFF, 0x178},    {0xDF, 0xDF},     {0xB5, 0xB5},     {0x131, 0x131},
-        {0x17F, 0x17F},   {0x101, 0x100},   {0x17E, 0x17D},   {0x3B1, 0x391},   {0x3C2, 0x3A3},
-        {0x3C3, 0x3A3},   {0x3CE, 0x38F},   {0x436, 0x416},   {0x45F, 0x40F},   {0x561, 0x531},
-        {0x1E01, 0x1E00}, {0xFF41, 0xFF21}, {0x4E00, 0x4E00}, {0xD801, 0xD801},
+    const std::pair<char16_t, char16_t> rows[] = {
+        // clang-format off
+        {u'a', u'A'}, {u'z', u'Z'}, {u'`', u'`'}, {u'{', u'{'}, {0xE9, 0xC9}, {0xF7, 0xF7},
+        {0xFF, 0x178}, {0xDF, 0xDF}, {0xB5, 0xB5}, {0x131, 0x131}, {0x17F, 0x17F}, {0x101, 0x100},
+        {0x17E, 0x17D}, {0x3B1, 0x391}, {0x3C2, 0x3A3}, {0x3C3, 0x3A3}, {0x3CE, 0x38F}, {0x436, 0x416},
+        {0x45F, 0x40F}, {0x561, 0x531}, {0x1E01, 0x1E00}, {0xFF41, 0xFF21}, {0x4E00, 0x4E00},
+        {0xD801, 0xD801},
+        // clang-format on
     };
-    for (const auto& row : rows) {
-        EXPECT_EQ(Upcase(row.lower), row.upper) << std::hex << static_cast<unsigned>(row.lower);
-    }
+    for (const auto& [lower, upper] : rows)
+        EXPECT_EQ(Upcase(lower), upper) << std::hex << unsigned{lower};
     for (unsigned i = 0; i < 0x10000; ++i) {
         const char16_t upper = Upcase(static_cast<char16_t>(i));
         ASSERT_EQ(Upcase(upper), upper) << std::hex << i;
     }
-}
-
-TEST(Strings, CompareMemoryCountsEqualBytes) {
-    EXPECT_EQ(RtlCompareMemory("abcd", "abxd", 4), 2U);
-    EXPECT_EQ(RtlCompareMemory("abcd", "abcd", 4), 4U);
-    EXPECT_EQ(RtlCompareMemory("abcd", "xbcd", 4), 0U);
-    EXPECT_EQ(RtlCompareMemory("", "x", 0), 0U);
 }
 
 TEST(Strings, CaseInsensitiveFormsNeedPassiveLevel) {
@@ -173,19 +160,6 @@ TEST(Text, Utf8AndUtf16AreInverse) {
          {"\xC3", "\xC0\x80", "\xED\xA0\x80", "\xF4\x90\x80\x80", "\xFF", "\x80"}) {
         EXPECT_EQ(ToUtf16(bad), std::u16string(bad.size(), u'\xFFFD'));
     }
-}
-
-TEST(Version, IsTheMachines) {
-    SetVersion(6, 1, 7601);
-    OSVERSIONINFOW information{};
-    information.dwOSVersionInfoSize = sizeof(information);
-    EXPECT_EQ(RtlGetVersion(&information), STATUS_SUCCESS);
-    EXPECT_EQ(information.dwMajorVersion, 6U);
-    EXPECT_EQ(information.dwMinorVersion, 1U);
-    EXPECT_EQ(information.dwBuildNumber, 7601U);
-    const FaultPlan plan({.routine = "RtlGetVersion", .status = STATUS_UNSUCCESSFUL});
-    EXPECT_EQ(RtlGetVersion(&information), STATUS_UNSUCCESSFUL);
-    SetVersion(10, 0, 19045);
 }
 
 }  // namespace

@@ -23,14 +23,8 @@ constexpr ULONG ControlCode(ULONG function, ULONG method, ULONG access = FILE_AN
 /// Lives on the test's stack; its device is deleted with it, if not before.
 class TestDevice {
 public:
-    struct Options {
-        std::u16string_view sddl = u"";
-        bool exclusive = false;
-        bool initializing = false;
-    };
-
-    TestDevice() : TestDevice(Options{}) {}
-    explicit TestDevice(const Options& options) : driver_(CreateDriverObject(u"TestDriver")) {
+    explicit TestDevice(std::u16string_view sddl = u"")
+        : driver_(CreateDriverObject(u"TestDriver")) {
         for (UCHAR major : {IRP_MJ_CREATE, IRP_MJ_CLEANUP, IRP_MJ_CLOSE}) {
             driver_->MajorFunction[major] = DispatchFile;
         }
@@ -38,14 +32,13 @@ public:
             driver_->MajorFunction[major] = DispatchRequest;
         }
         SecurityDescriptor security;
-        if (!options.sddl.empty()) {
-            EXPECT_EQ(ParseSddl(options.sddl, security), STATUS_SUCCESS);
+        if (!sddl.empty()) {
+            EXPECT_EQ(ParseSddl(sddl, security), STATUS_SUCCESS);
         }
-        EXPECT_EQ(CreateDevice(driver_, kName, security, FILE_DEVICE_UNKNOWN, options.exclusive,
-                               &device_),
+        EXPECT_EQ(CreateDevice(driver_, kName, security, FILE_DEVICE_UNKNOWN, false, &device_),
                   STATUS_SUCCESS);
         device_->extension = this;
-        if (!options.initializing) FinishDriverInitialization(driver_);
+        FinishDriverInitialization(driver_);
     }
     ~TestDevice() {
         Delete();

@@ -168,14 +168,6 @@ TEST_F(ExemptionTest, EntriesAreToldApartByAllMembers) {
     }
 }
 
-TEST_F(ExemptionTest, AnUnknownProcessIsNotExempt) {
-    ASSERT_EQ(Add({.wide1 = u""}), STATUS_SUCCESS);
-    machine->ExitProcess(*process);
-    BOOLEAN exempt = TRUE;
-    EXPECT_EQ(ZPkPeExemptCheck(list, IdOf(*process), &exempt), STATUS_INVALID_CID);
-    EXPECT_EQ(exempt, FALSE);
-}
-
 TEST_F(ExemptionTest, AListIsRegisteredOnceAndListsAreApart) {
     ZPK_EXEMPTIONS* second = nullptr;
     EXPECT_EQ(ZPkPeExemptRegister(&kList, &second), STATUS_OBJECT_NAME_COLLISION);

@@ -345,11 +345,4 @@ TEST_F(KeyTreeTest, AllocationFailuresLeaveTheTreeAsItWas) {
               1);
 }
 
-TEST_F(KeyTreeTest, OnlyTheKnownOptionIsTaken) {
-    KeyTreeConfig config = {};
-    ZPK_KEY_TREE* tree = nullptr;
-    EXPECT_EQ(ZPkDtInitialize(&config, 0, &tree), STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(tree, nullptr);
-}
-
 }  // namespace

@@ -88,18 +88,6 @@ TEST_F(ProcessTest, ARecordStaysAsItWasWhenItsIdIsUsedAgain) {
     machine->SetSystemTime(0);
 }
 
-TEST_F(ProcessTest, RecordsOfEndedProcessesAreFreed) {
-    const TrackingHandle tracking;
-    const std::size_t before = platform::QueryPoolUsage(zpklib::kProcessTag).blocks;
-    for (int i = 0; i < 100; ++i) {
-        const auto process = Start();
-        EXPECT_EQ(Tracked(tracking, IdOf(*process)).status, STATUS_SUCCESS);
-        machine->ExitProcess(*process);
-    }
-    // The last ones may still be remembered as ended.
-    EXPECT_LE(platform::QueryPoolUsage(zpklib::kProcessTag).blocks, before + 4);
-}
-
 TEST_F(ProcessTest, TheFirstContextStays) {
     const TrackingHandle tracking;
     const TrackingHandle other(2);
