@@ -17,7 +17,7 @@ private:
     KGUARDED_MUTEX& mutex_;
 };
 
-/// Holds a spin lock, queued first come first served on this stack frame, for the guard's lifetime.
+/// Holds a spin lock, queued for on this stack frame, for the guard's lifetime.
 /// IRQL <= DISPATCH_LEVEL; DISPATCH_LEVEL while held.
 class [[nodiscard]] QueuedSpinLockGuard {
 public:

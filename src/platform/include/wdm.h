@@ -352,7 +352,7 @@ void NTAPI KeLowerIrql(KIRQL oldIrql);
 [[noreturn]] void NTAPI KeBugCheckEx(ULONG code, ULONG_PTR parameter1, ULONG_PTR parameter2,
                                      ULONG_PTR parameter3, ULONG_PTR parameter4);
 
-// In-stack queued spin locks: first come, first served; the handle lives on the holder's stack.
+// In-stack queued spin locks; the handle lives on the holder's stack.
 // IRQL <= DISPATCH_LEVEL; raises to DISPATCH_LEVEL.
 void NTAPI KeAcquireInStackQueuedSpinLock(PKSPIN_LOCK lock, PKLOCK_QUEUE_HANDLE handle);
 void NTAPI KeReleaseInStackQueuedSpinLock(PKLOCK_QUEUE_HANDLE handle);
