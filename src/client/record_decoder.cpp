@@ -50,7 +50,6 @@ RecordDecoder::RecordDecoder(Bytes image) : image_(image) {
         Fail(0, fmt::format("type {}, expected 0: a buffer header", type));
         return;
     }
-    visited_.resize(image.size() / (kAlignment * 64) + 1);
     pathPlaces_ = (image.size() - sizeof(BufferHeader) + kAlignment - 1) / kAlignment;
     if (const std::size_t least = sizeof(BufferHeader) + sizeof(RecordHeader);
         image.size() >= least) {
@@ -66,12 +65,25 @@ inline std::u16string_view RecordDecoder::Path(const KnownPath& known) const {
     return {reinterpret_cast<const char16_t*>(image_.data() + known.place), known.units};
 }
 
-inline bool RecordDecoder::Visit(std::uint64_t placeNumber) {
-    const std::uint64_t bit = std::uint64_t{1} << (placeNumber % 64);
-    std::uint64_t& word = visited_[placeNumber / 64];
+bool RecordDecoder::Mark(std::size_t place) {
+    const std::uint64_t number = PlaceNumber(place);
+    const std::uint64_t bit = std::uint64_t{1} << (number % 64);
+    std::uint64_t& word = visited_[number / 64];
     const bool isNew = (word & bit) == 0;
     word |= bit;
     return isNew;
+}
+
+bool RecordDecoder::Visit(std::size_t place) {
+    if (!turnedBack_) {
+        turnedBack_ = true;
+        visited_.resize(recordPlaces_ / 64 + 1);
+        for (std::size_t before = 0; before != place_;) {
+            before += Distance(before, offsetof(BufferHeader, NextOffset));
+            Mark(before);
+        }
+    }
+    return Mark(place);
 }
 
 // Flat: a third of the time would go into calls, and most of the checks know half of what they ask.
@@ -84,10 +96,20 @@ inline bool RecordDecoder::Visit(std::uint64_t placeNumber) {
         return false;
     }
     const std::size_t place = place_ + distance;
-    const std::uint64_t number = PlaceNumber(place);
-    if (number >= recordPlaces_ || !Visit(number)) {
+    if (PlaceNumber(place) >= recordPlaces_) {
         return FailNext(place);
     }
+    if (place <= place_ || turnedBack_) [[unlikely]] {
+        return NextBehindTurn(place, event);
+    }
+    return DecodeAt(place, event);
+}
+
+[[gnu::flatten]] bool RecordDecoder::NextBehindTurn(std::size_t place, Event& event) {
+    return Visit(place) ? DecodeAt(place, event) : FailNext(place);
+}
+
+inline bool RecordDecoder::DecodeAt(std::size_t place, Event& event) {
     place_ = place;
     const Bytes record = image_.subspan(place);
     __builtin_prefetch(record.data() + kReadAhead);

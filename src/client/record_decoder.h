@@ -35,7 +35,14 @@ private:
     /// places are computed modulo 2^64 and then checked.
     std::size_t Distance(std::size_t place, std::size_t field) const;
     std::u16string_view Path(const KnownPath& known) const;
-    bool Visit(std::uint64_t placeNumber);
+    /// Marks a place where a record starts, and says whether none did there before. A chain that
+    /// has only gone forwards so far was at none twice: its places are marked when it turns back.
+    bool Visit(std::size_t place);
+    bool Mark(std::size_t place);
+    /// The rest of Next for the record at `place`, which was not there before.
+    bool DecodeAt(std::size_t place, Event& event);
+    /// The rest of Next for a chain that turns back to this place or did before.
+    [[gnu::noinline]] bool NextBehindTurn(std::size_t place, Event& event);
     /// The rest of Next for a record whose path, at `place`, is not among the known ones.
     [[gnu::noinline]] bool DecodeWithNewPath(std::size_t place, Event& event);
     /// Checks the payload of the record decoded last, and says what is wrong with it.
@@ -50,6 +57,7 @@ private:
     std::size_t place_ = 0;           ///< of the record (or buffer header) that was decoded last
     std::uint64_t recordPlaces_ = 0;  ///< multiples of 8 where a record header can be
     std::uint64_t pathPlaces_ = 0;    ///< and where a path can start
+    bool turnedBack_ = false;         ///< the chain, somewhere before
     std::vector<std::uint64_t> visited_;  ///< one bit for each place where a record can start
     std::array<KnownPath, 64> knownPaths_{};
     std::optional<DecodeError> error_;

@@ -91,7 +91,26 @@ TEST(RecordDecoder, FindsTheEndOfPathsOfEveryLength) {
     }
 }
 
-struct Damage {
+/// Paths that were looked at are remembered by a part of their place, here by the same one.
+TEST(RecordDecoder, TellsPathsApartThatLieFarBehindEachOther) {
+    const auto builder = BufferBuilder(768)
+                             .First(8)
+                             .Record(8, 56, 40)
+                             .Text(48, std::u16string_view(u"\\A\0", 3))
+                             .Record(64, 456, 496)
+                             .Record(520, 80, -472)
+                             .Text(560, std::u16string_view(u"\\Other\0", 7))
+                             .Record(600, 0, -40);
+    const auto [events, places, error] = Decode(builder.Bytes());
+    ASSERT_FALSE(error) << error->what;
+    ASSERT_EQ(events.size(), 4U);
+    const char16_t* const expected[] = {u"\\A", u"\\Other", u"\\A", u"\\Other"};
+    for (std::size_t i = 0; i < events.size(); ++i) {
+        EXPECT_EQ(events[i].Key(), expected[i]) << i;
+    }
+}
+
+struct BufferDamage {
     const char* name;
     std::function<BufferBuilder()> build;
     std::size_t eventsBefore;
@@ -99,10 +118,10 @@ struct Damage {
     const char* what;  ///< a part of the message
 };
 
-class DamagedBuffer : public testing::TestWithParam<Damage> {};
+class DamagedBuffer : public testing::TestWithParam<BufferDamage> {};
 
 TEST_P(DamagedBuffer, GivesEventsBeforeTheDamageAndNamesItsPlace) {
-    const Damage& damage = GetParam();
+    const BufferDamage& damage = GetParam();
     const auto builder = damage.build();
     const auto [events, places, error] = Decode(builder.Bytes());
     EXPECT_EQ(events.size(), damage.eventsBefore);
@@ -111,7 +130,7 @@ TEST_P(DamagedBuffer, GivesEventsBeforeTheDamageAndNamesItsPlace) {
     EXPECT_NE(error->what.find(damage.what), std::string::npos) << error->what;
 }
 
-const Damage kDamages[] = {
+const BufferDamage kBufferDamages[] = {
     {"TooShortForAHeader", [] { return BufferBuilder(7); }, 0, 0, "7 bytes"},
     {"HeaderOfAnotherType", [] { return TwoRecords().Put(0, std::uint32_t{21}); }, 0, 0, "type 21"},
     {"FirstRecordBeforeTheImage", [] { return TwoRecords().First(-8); }, 0, 4, "at -8"},
@@ -126,6 +145,11 @@ const Damage kDamages[] = {
     {"RecordOfTypeZero", [] { return TwoRecords().Record(112, 0, 0, 0); }, 1, 112, "type 0"},
     {"RecordOfUnknownType", [] { return TwoRecords().Record(112, 0, 0, 22); }, 1, 112, "type 22"},
     {"LoopOfTwo", [] { return TwoRecords().Record(112, -104, -64); }, 2, 116, "comes back"},
+    {"LoopForwardToARecordBeforeTheTurn",
+     [] {
+         return BufferBuilder(256).First(8).Record(8, 104, 0).Record(112, -64, 0).Record(48, 64, 0);
+     },
+     3, 52, "comes back"},
     {"LoopBackToTheHeader", [] { return TwoRecords().Record(112, -112, -64); }, 2, 116, "at 0"},
     {"PathBeforeTheImage", [] { return TwoRecords().Record(112, 0, -120); }, 1, 148, "at -8"},
     {"PathInTheHeader", [] { return TwoRecords().Record(112, 0, -112); }, 1, 148, "at 0"},
@@ -135,7 +159,7 @@ const Damage kDamages[] = {
      "no end"},
 };
 
-INSTANTIATE_TEST_SUITE_P(RecordDecoder, DamagedBuffer, testing::ValuesIn(kDamages),
+INSTANTIATE_TEST_SUITE_P(RecordDecoder, DamagedBuffer, testing::ValuesIn(kBufferDamages),
                          [](const auto& test) { return std::string(test.param.name); });
 
 TEST(RecordDecoder, RefusesAnImageThatIsNotAligned) {
