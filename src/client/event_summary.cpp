@@ -24,11 +24,6 @@ std::u16string Folded(std::u16string_view text) {
 }
 
 /// As people write it.
-std::string PathText(std::u16string_view path) {
-    const ShortPath parts = ShortenPath(path);
-    return std::string(parts.root) + ToTerminal(parts.rest);
-}
-
 /// The first `depth` parts of a path, of which an abbreviated root is one.
 std::u16string_view Subtree(std::u16string_view path, std::size_t depth) {
     const ShortPath parts = ShortenPath(path);
@@ -61,7 +56,7 @@ void EventSummary::Add(const Event& event) {
         const std::u16string_view subtree = Subtree(*event.Key(), settings_.depth);
         Counted& counted = subtrees_[Folded(subtree)];
         if (counted.count++ == 0) {
-            counted.text = PathText(subtree);
+            counted.text = ShortPathText(subtree);
         }
         AddChange(event);
     }
@@ -81,7 +76,7 @@ void EventSummary::AddChange(const Event& event) {
     Counted& counted = changes_[id];
     if (counted.count++ == 0) {
         counted.text =
-            PathText(*event.Key()) + "\\" + (name.empty() ? "(Default)" : ToTerminal(name));
+            ShortPathText(*event.Key()) + "\\" + (name.empty() ? "(Default)" : ToTerminal(name));
     }
 }
 

@@ -71,14 +71,9 @@ std::string ProcessFields(std::uint32_t processId, const std::u16string* image) 
     return fmt::to_string(text);
 }
 
-std::string PathText(std::u16string_view key) {
-    const ShortPath path = ShortenPath(key);
-    return std::string(path.root) + ToTerminal(path.rest);
-}
-
 void PutPath(TextSink& out, const Event& event, PathTextCache& paths) {
     if (event.Key()) {
-        out.Put(paths.Get(*event.Key(), PathText));
+        out.Put(paths.Get(*event.Key(), ShortPathText));
     }
     if (const std::optional<WireText> value = ValueOf(event)) {
         out.Put('\\');

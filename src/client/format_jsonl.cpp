@@ -12,7 +12,7 @@ namespace zpregmon {
 
 namespace {
 
-std::string ProcessText(std::uint32_t processId, const std::u16string* image) {
+std::string ProcessMembers(std::uint32_t processId, const std::u16string* image) {
     TextBuffer text;
     {
         TextSink out(text);
@@ -35,7 +35,7 @@ std::string JsonStringText(std::u16string_view text) {
 
 class JsonLinesFormat final : public EventFormat {
 public:
-    explicit JsonLinesFormat(const ProcessImages* images) : processes_(images, ProcessText) {}
+    explicit JsonLinesFormat(const ProcessImages* images) : processes_(images, ProcessMembers) {}
 
     void Append(const Event& event, TextBuffer& buffer) override {
         const std::string& process = processes_.Get(event.ProcessId());

@@ -128,7 +128,7 @@ void PutSigned(TextSink& out, std::int64_t number) {
     out.Number(static_cast<std::uint64_t>(std::abs(number)));
 }
 
-std::string PathText(std::u16string_view key) {
+std::string HivePathText(std::u16string_view key) {
     TextBuffer text;
     {
         TextSink out(text);
@@ -209,7 +209,7 @@ void PutKey(TextSink& out, std::string_view path, const Event& event) {
     if (const auto renamed = event.As<KeyRenamed>()) {
         out.Put("\"reg_key\":{\"path\":\"");
         if (event.Key()) {
-            out.Put(PathText(event.Key()->substr(0, event.Key()->rfind(u'\\') + 1)));
+            out.Put(HivePathText(event.Key()->substr(0, event.Key()->rfind(u'\\') + 1)));
         }
         out.JsonText(renamed->newName);
         out.Put("\"},\"prev_");
@@ -227,7 +227,7 @@ void PutKey(TextSink& out, std::string_view path, const Event& event) {
     out.Put('}');
 }
 
-std::string ProcessText(std::uint32_t processId, const std::u16string* image) {
+std::string ActorText(std::uint32_t processId, const std::u16string* image) {
     TextBuffer text;
     {
         TextSink out(text);
@@ -248,7 +248,7 @@ std::string ProcessText(std::uint32_t processId, const std::u16string* image) {
 
 class OcsfFormat final : public EventFormat {
 public:
-    explicit OcsfFormat(const ProcessImages* images) : processes_(images, ProcessText) {}
+    explicit OcsfFormat(const ProcessImages* images) : processes_(images, ActorText) {}
 
     void Append(const Event& event, TextBuffer& buffer) override {
         TextSink out(buffer);
@@ -298,7 +298,7 @@ private:
 
     /// As text in JSON; valid until the next call.
     std::string_view Path(const Event& event) {
-        return event.Key() ? std::string_view(paths_.Get(*event.Key(), PathText)) : "";
+        return event.Key() ? std::string_view(paths_.Get(*event.Key(), HivePathText)) : "";
     }
 
     /// Everything but the key or value.

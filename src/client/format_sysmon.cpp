@@ -71,7 +71,7 @@ void PutPath(TextSink& out, std::u16string_view key) {
     out.JsonText(path.rest);
 }
 
-std::string PathText(std::u16string_view key) {
+std::string TargetPathText(std::u16string_view key) {
     TextBuffer text;
     {
         TextSink out(text);
@@ -82,7 +82,7 @@ std::string PathText(std::u16string_view key) {
 
 void PutTarget(TextSink& out, const Event& event, PathTextCache& paths) {
     if (event.Key()) {
-        out.Put(paths.Get(*event.Key(), PathText));
+        out.Put(paths.Get(*event.Key(), TargetPathText));
     }
     if (const std::optional<WireText> value = ValueOf(event)) {
         out.JsonText(u"\\");

@@ -1,7 +1,6 @@
 #include "client/information_layout.h"
 
 #include <algorithm>
-#include <cstring>
 
 namespace zpregmon {
 
@@ -16,15 +15,8 @@ enum ValueClass : std::uint32_t {
     kValuePartialAlign64 = 4,
 };
 
-template <typename T>
-T Get(Bytes bytes, std::size_t offset) {
-    T field;
-    std::memcpy(&field, bytes.data() + offset, sizeof(field));
-    return field;
-}
-
 std::uint32_t Number(Bytes bytes, std::size_t offset) {
-    return Get<std::uint32_t>(bytes, offset);
+    return LoadField<std::uint32_t>(bytes, offset);
 }
 
 /// `length` bytes at `offset`, or those of them that are there.
@@ -40,7 +32,7 @@ WireText TextPart(Bytes bytes, std::size_t offset, std::size_t length) {
 
 KeyFacts ReadFull(Bytes data) {
     KeyFacts facts;
-    facts.lastWrite = Get<std::uint64_t>(data, 0);
+    facts.lastWrite = LoadField<std::uint64_t>(data, 0);
     facts.subkeys = Number(data, 20);
     facts.values = Number(data, 32);
     if (const std::uint32_t length = Number(data, 16); length != 0) {
@@ -51,7 +43,7 @@ KeyFacts ReadFull(Bytes data) {
 
 KeyFacts ReadNode(Bytes data) {
     KeyFacts facts;
-    facts.lastWrite = Get<std::uint64_t>(data, 0);
+    facts.lastWrite = LoadField<std::uint64_t>(data, 0);
     facts.name = TextPart(data, 24, Number(data, 20));
     if (const std::uint32_t length = Number(data, 16); length != 0) {
         facts.className = TextPart(data, Number(data, 12), length);
@@ -69,7 +61,7 @@ std::optional<KeyFacts> ReadKeyInformation(std::uint32_t informationClass, Bytes
     KeyFacts facts;
     switch (informationClass) {
         case kBasic:
-            facts.lastWrite = Get<std::uint64_t>(data, 0);
+            facts.lastWrite = LoadField<std::uint64_t>(data, 0);
             facts.name = TextPart(data, 16, Number(data, 12));
             break;
         case kNode:
@@ -80,7 +72,7 @@ std::optional<KeyFacts> ReadKeyInformation(std::uint32_t informationClass, Bytes
             facts.name = TextPart(data, 4, Number(data, 0));
             break;
         case kCached:
-            facts.lastWrite = Get<std::uint64_t>(data, 0);
+            facts.lastWrite = LoadField<std::uint64_t>(data, 0);
             facts.subkeys = Number(data, 12);
             facts.values = Number(data, 20);
             break;

@@ -1,5 +1,7 @@
 #include "client/registry_path.h"
 
+#include "client/text_encoding.h"
+
 namespace zpregmon {
 
 namespace {
@@ -35,6 +37,11 @@ ShortPath ShortenPath(std::u16string_view path) {
         }
     }
     return {"", path};
+}
+
+std::string ShortPathText(std::u16string_view path) {
+    const ShortPath parts = ShortenPath(path);
+    return std::string(parts.root) + ToTerminal(parts.rest);
 }
 
 std::u16string LengthenPath(std::u16string_view path) {

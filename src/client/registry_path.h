@@ -16,6 +16,9 @@ struct ShortPath {
 };
 ShortPath ShortenPath(std::u16string_view path);
 
+/// The same as one text that a terminal shows as it stands.
+std::string ShortPathText(std::u16string_view path);
+
 /// The path with its root spelled out: what ShortenPath would have made it of, also for HKEY_USERS
 /// and HKEY_LOCAL_MACHINE. Other paths stay as they are.
 std::u16string LengthenPath(std::u16string_view path);

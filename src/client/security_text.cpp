@@ -8,14 +8,6 @@ namespace zpregmon {
 
 namespace {
 
-/// The field at an offset that is inside.
-template <typename T>
-T Get(Bytes bytes, std::size_t offset) {
-    T field;
-    std::memcpy(&field, bytes.data() + offset, sizeof(field));
-    return field;
-}
-
 // Layouts of the system.
 constexpr std::size_t kSidHeader = 8;
 constexpr std::size_t kMostSubAuthorities = 15;
@@ -33,10 +25,10 @@ constexpr std::uint16_t kDaclPresent = 0x4, kSaclPresent = 0x10, kDaclAutoInheri
 
 /// The SID at the start of `bytes`, without what follows it.
 std::optional<Bytes> FindSid(Bytes bytes) {
-    if (bytes.size() < kSidHeader || Get<std::uint8_t>(bytes, 0) != 1) {
+    if (bytes.size() < kSidHeader || LoadField<std::uint8_t>(bytes, 0) != 1) {
         return std::nullopt;
     }
-    const std::size_t subAuthorities = Get<std::uint8_t>(bytes, 1);
+    const std::size_t subAuthorities = LoadField<std::uint8_t>(bytes, 1);
     const std::size_t length = kSidHeader + subAuthorities * sizeof(std::uint32_t);
     if (subAuthorities > kMostSubAuthorities || length > bytes.size()) {
         return std::nullopt;
@@ -47,7 +39,7 @@ std::optional<Bytes> FindSid(Bytes bytes) {
 void PutSoundSid(TextSink& out, Bytes sid) {
     std::uint64_t authority = 0;
     for (std::size_t at = 2; at < kSidHeader; ++at) {
-        authority = authority << 8 | Get<std::uint8_t>(sid, at);
+        authority = authority << 8 | LoadField<std::uint8_t>(sid, at);
     }
     if (authority >> 32 == 0) {
         out.Format("S-1-{}", authority);
@@ -56,7 +48,7 @@ void PutSoundSid(TextSink& out, Bytes sid) {
     }
     for (std::size_t at = kSidHeader; at < sid.size(); at += sizeof(std::uint32_t)) {
         out.Put('-');
-        out.Number(Get<std::uint32_t>(sid, at));
+        out.Number(LoadField<std::uint32_t>(sid, at));
     }
 }
 
@@ -65,7 +57,7 @@ std::optional<Bytes> FindAcl(Bytes bytes) {
     if (bytes.size() < kAclHeader) {
         return std::nullopt;
     }
-    const std::size_t size = Get<std::uint16_t>(bytes, 2);
+    const std::size_t size = LoadField<std::uint16_t>(bytes, 2);
     if (size < kAclHeader || size > bytes.size()) {
         return std::nullopt;
     }
@@ -120,7 +112,7 @@ void PutRights(TextSink& out, std::uint32_t mask) {
 }
 
 void PutAce(TextSink& out, Bytes ace) {
-    const std::string_view type = AceTypeText(Get<std::uint8_t>(ace, 0));
+    const std::string_view type = AceTypeText(LoadField<std::uint8_t>(ace, 0));
     const auto sid = ace.size() >= kAceSid ? FindSid(ace.subspan(kAceSid)) : std::nullopt;
     out.Put('(');
     if (type.empty() || !sid) {
@@ -128,9 +120,9 @@ void PutAce(TextSink& out, Bytes ace) {
     } else {
         out.Put(type);
         out.Put(';');
-        PutAceFlags(out, Get<std::uint8_t>(ace, 1));
+        PutAceFlags(out, LoadField<std::uint8_t>(ace, 1));
         out.Put(';');
-        PutRights(out, Get<std::uint32_t>(ace, kAceHeader));
+        PutRights(out, LoadField<std::uint32_t>(ace, kAceHeader));
         out.Put(";;;");
         PutSoundSid(out, *sid);
     }
@@ -140,11 +132,11 @@ void PutAce(TextSink& out, Bytes ace) {
 /// False: it is not sound, and nothing is written.
 bool PutSoundAcl(TextSink& out, Bytes acl) {
     const std::size_t start = out.Size();
-    const std::size_t count = Get<std::uint16_t>(acl, 4);
+    const std::size_t count = LoadField<std::uint16_t>(acl, 4);
     std::size_t at = kAclHeader;
     for (std::size_t i = 0; i < count; ++i) {
         const std::size_t left = acl.size() - at;
-        const std::size_t size = left >= kAceHeader ? Get<std::uint16_t>(acl, at + 2) : 0;
+        const std::size_t size = left >= kAceHeader ? LoadField<std::uint16_t>(acl, at + 2) : 0;
         if (size < kAceHeader || size > left) {
             out.Truncate(start);
             return false;
@@ -157,13 +149,13 @@ bool PutSoundAcl(TextSink& out, Bytes acl) {
 
 /// What the self-relative descriptor has at the offset that stands in its field: nothing for 0.
 Bytes Part(Bytes descriptor, std::size_t field) {
-    const std::size_t offset = Get<std::uint32_t>(descriptor, field);
+    const std::size_t offset = LoadField<std::uint32_t>(descriptor, field);
     return offset >= kDescriptorHeader && offset <= descriptor.size() ? descriptor.subspan(offset)
                                                                       : Bytes();
 }
 
 bool PutOwner(TextSink& out, std::string_view label, Bytes descriptor, std::size_t field) {
-    if (Get<std::uint32_t>(descriptor, field) == 0) {
+    if (LoadField<std::uint32_t>(descriptor, field) == 0) {
         return true;
     }
     const std::optional<Bytes> sid = FindSid(Part(descriptor, field));
@@ -193,7 +185,7 @@ constexpr ListControl kSacl{"S:",
                             control::kSaclAutoInherited};
 
 bool PutList(TextSink& out, const ListControl& list, Bytes descriptor) {
-    const auto bits = Get<std::uint16_t>(descriptor, 2);
+    const auto bits = LoadField<std::uint16_t>(descriptor, 2);
     if ((bits & list.present) == 0) {
         return true;
     }
@@ -201,7 +193,7 @@ bool PutList(TextSink& out, const ListControl& list, Bytes descriptor) {
     out.Put((bits & list.isProtected) != 0 ? "P" : "");
     out.Put((bits & list.inheritRequest) != 0 ? "AR" : "");
     out.Put((bits & list.inherited) != 0 ? "AI" : "");
-    if (Get<std::uint32_t>(descriptor, list.field) == 0) {
+    if (LoadField<std::uint32_t>(descriptor, list.field) == 0) {
         out.Put("NO_ACCESS_CONTROL");
         return true;
     }
@@ -228,8 +220,8 @@ void PutAcl(TextSink& out, Bytes acl) {
 
 void PutDescriptor(TextSink& out, Bytes descriptor) {
     const std::size_t start = out.Size();
-    if (descriptor.size() < kDescriptorHeader || Get<std::uint8_t>(descriptor, 0) != 1 ||
-        (Get<std::uint16_t>(descriptor, 2) & control::kSelfRelative) == 0 ||
+    if (descriptor.size() < kDescriptorHeader || LoadField<std::uint8_t>(descriptor, 0) != 1 ||
+        (LoadField<std::uint16_t>(descriptor, 2) & control::kSelfRelative) == 0 ||
         !PutOwner(out, "O:", descriptor, 4) || !PutOwner(out, "G:", descriptor, 8) ||
         !PutList(out, kDacl, descriptor) || !PutList(out, kSacl, descriptor)) {
         out.Truncate(start);

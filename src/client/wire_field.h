@@ -19,4 +19,10 @@ T LoadField(const std::byte* at) {
     return field;
 }
 
+/// The field at an offset that is inside.
+template <typename T>
+T LoadField(Bytes bytes, std::size_t offset) {
+    return LoadField<T>(bytes.data() + offset);
+}
+
 }  // namespace zpregmon

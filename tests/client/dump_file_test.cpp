@@ -1,17 +1,12 @@
 #include "client/dump_file.h"
 
 #include "client/buffer_builder.h"
+#include "client/scratch_file.h"
 
 #include <gtest/gtest.h>
 
-#include <memory>
-
 namespace zpregmon {
 namespace {
-
-struct CloseFile {
-    void operator()(std::FILE* file) const { std::fclose(file); }
-};
 
 /// The bytes of a dump file with the images in it.
 std::vector<std::byte> MakeDump(const std::vector<std::vector<std::byte>>& images) {
@@ -33,7 +28,7 @@ struct Contents {
 };
 
 Contents Read(std::span<const std::byte> bytes) {
-    const std::unique_ptr<std::FILE, CloseFile> file(std::tmpfile());
+    const ScratchFile file(std::tmpfile());
     if (!bytes.empty()) {
         std::fwrite(bytes.data(), 1, bytes.size(), file.get());
     }

@@ -2,20 +2,13 @@
 
 #include "client/event_summary.h"
 #include "client/every_kind.h"
+#include "client/made_event.h"
 #include "client/record_decoder.h"
 
 #include <gtest/gtest.h>
 
 namespace zpregmon {
 namespace {
-
-class OneImage final : public ProcessImages {
-public:
-    const std::u16string* Find(std::uint32_t) const override { return &image_; }
-
-private:
-    std::u16string image_ = u"\\Device\\HarddiskVolume1\\Windows\\RegEdit.exe";
-};
 
 TEST(Glob, MatchesAllOfTheText) {
     struct Case {
@@ -64,7 +57,7 @@ std::size_t Passing(const std::vector<std::string>& include,
 }
 
 TEST(EventFilter, CombinesRules) {
-    const OneImage images;
+    const OneImage images(u"\\Device\\HarddiskVolume1\\Windows\\RegEdit.exe");
     EXPECT_EQ(Passing({}, {}, nullptr), 24U);
     EXPECT_EQ(Passing({"op=value-set"}, {}, nullptr), 4U);
     EXPECT_EQ(Passing({"op=SETVALUEKEY,key-created", "op=FlushKey"}, {}, nullptr), 6U);

@@ -1,21 +1,16 @@
 #include "client/event_writer.h"
 
 #include "client/made_event.h"
+#include "client/scratch_file.h"
 
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <unistd.h>
 
 #include <array>
-#include <memory>
 
 namespace zpregmon {
 namespace {
-
-struct CloseFile {
-    void operator()(std::FILE* file) const { std::fclose(file); }
-};
-using File = std::unique_ptr<std::FILE, CloseFile>;
 
 class NumberFormat final : public EventFormat {
 public:
@@ -33,7 +28,7 @@ MadeEvent Numbered(std::uint32_t number) {
 
 TEST(EventWriter, WritesEveryEventOnceAndInOrder) {
     constexpr std::uint32_t kEvents = 50'000;  // several pieces
-    const File file(std::tmpfile());
+    const ScratchFile file(std::tmpfile());
     EventWriter writer(std::make_unique<NumberFormat>(), file.get());
     std::string expected = "ids\n";
     for (std::uint32_t i = 0; i < kEvents; ++i) {
@@ -51,14 +46,14 @@ TEST(EventWriter, SeesThatTheReaderIsGone) {
     signal(SIGPIPE, SIG_IGN);
     std::array<int, 2> ends;
     ASSERT_EQ(pipe(ends.data()), 0);
-    const File file(fdopen(ends[1], "wb"));
+    const ScratchFile file(fdopen(ends[1], "wb"));
     EventWriter writer(std::make_unique<NumberFormat>(), file.get());
     close(ends[0]);
     EXPECT_EQ(writer.Flush(), OutputState::kReaderGone);
 }
 
 TEST(EventWriter, TellsWhyItCannotWrite) {
-    const File file(std::fopen("/dev/full", "wb"));
+    const ScratchFile file(std::fopen("/dev/full", "wb"));
     ASSERT_TRUE(file);
     EventWriter writer(std::make_unique<NumberFormat>(), file.get());
     EXPECT_EQ(writer.Flush(), OutputState::kFailed);

@@ -1,6 +1,7 @@
 // The formats against the stored examples, which stand in docs/formats.md.
 #include "client/every_kind.h"
 #include "client/format.h"
+#include "client/made_event.h"
 #include "client/record_decoder.h"
 
 #include <gtest/gtest.h>
@@ -13,16 +14,8 @@
 namespace zpregmon {
 namespace {
 
-class OneImage final : public ProcessImages {
-public:
-    const std::u16string* Find(std::uint32_t) const override { return &image_; }
-
-private:
-    std::u16string image_ = u"\\Device\\HarddiskVolume1\\Windows\\regedit.exe";
-};
-
 std::string Print(const NamedFormat& named) {
-    const OneImage images;
+    const OneImage images(u"\\Device\\HarddiskVolume1\\Windows\\regedit.exe");
     FormatSettings settings;
     settings.images = &images;
     const auto format = named.make(settings);

@@ -95,7 +95,7 @@ TEST(PayloadDecoder, DecodesEveryKind) {
     EXPECT_EQ(events[23].As<KeySecurityQueried>()->descriptor.size(), 72U);
 }
 
-struct Damage {
+struct PayloadDamage {
     const char* name;
     RecordType type;
     RecordBody body;
@@ -103,10 +103,10 @@ struct Damage {
     const char* what;    ///< a part of the message
 };
 
-class DamagedRecord : public testing::TestWithParam<Damage> {};
+class DamagedRecord : public testing::TestWithParam<PayloadDamage> {};
 
 TEST_P(DamagedRecord, NamesItsPlace) {
-    const Damage& damage = GetParam();
+    const PayloadDamage& damage = GetParam();
     const auto chain = RecordChain(u"x").Add(RecordType::kKeyFlushed).Add(damage.type, damage.body);
     RecordDecoder decoder(chain.Bytes());
     Event event;
@@ -137,7 +137,7 @@ RecordBody SetBody(std::uint32_t name, std::uint32_t size, std::uint32_t capture
 
 constexpr std::uint32_t kHuge = 0xFFFFFFFF;
 
-const Damage kDamages[] = {
+const PayloadDamage kPayloadDamages[] = {
     {"SetCutOff", RecordType::kValueSet, RecordBody().U32(0), 0, "cut off after 48 bytes"},
     {"SetDataOutside", RecordType::kValueSet, SetBody(72, kHuge, kHuge, 0, 0), 52, "the data"},
     {"SetCapturedMoreThanThereIs", RecordType::kValueSet, SetBody(72, 3, 4, 0, 0), 52,
@@ -176,7 +176,7 @@ const Damage kDamages[] = {
      RecordBody().U16(48).U16(0).U16(0).U16(0).U16(1).U16(4).U32(0), 50, "4 bytes at 53"},
 };
 
-INSTANTIATE_TEST_SUITE_P(PayloadDecoder, DamagedRecord, testing::ValuesIn(kDamages),
+INSTANTIATE_TEST_SUITE_P(PayloadDecoder, DamagedRecord, testing::ValuesIn(kPayloadDamages),
                          [](const auto& test) { return std::string(test.param.name); });
 
 /// Whatever single byte is changed and wherever the image is cut: nothing outside is read (the

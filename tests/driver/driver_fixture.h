@@ -34,6 +34,7 @@ using zpregflt::State;
 
 inline constexpr char16_t kClientImage[] = u"\\Device\\HarddiskVolume1\\client.exe";
 inline constexpr char16_t kWorkerImage[] = u"\\Device\\HarddiskVolume1\\Program\\worker.exe";
+inline constexpr std::u16string_view kTestKey = u"\\REGISTRY\\MACHINE\\Test";
 inline constexpr std::u16string_view kDeviceName = u"\\??\\zpregflt";
 
 platform::DriverImage MonitorImage();

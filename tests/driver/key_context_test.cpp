@@ -14,7 +14,6 @@ using platform::CreateKeyOf;
 using platform::MakeKey;
 using platform::OpenKeyOf;
 
-constexpr std::u16string_view kKey = u"\\REGISTRY\\MACHINE\\Test";
 constexpr ULONG kContextTag = MakeTag("ZRkc");
 
 /// Key contexts that were given back.
@@ -35,8 +34,8 @@ protected:
     /// Whether a key that the process opens now gets a context.
     bool IsMonitored(platform::Process& process) {
         const ThreadScope thread(process);
-        const KeyHandle key = MakeKey(kKey);
-        const KeyHandle opened = OpenKeyOf(kKey).key;
+        const KeyHandle key = MakeKey(kTestKey);
+        const KeyHandle opened = OpenKeyOf(kTestKey).key;
         const bool monitored = ContextOf(key) != nullptr;
         EXPECT_EQ(ContextOf(opened) != nullptr, monitored);
         return monitored;
@@ -77,7 +76,7 @@ TEST_F(KeyContextTest, ExemptionsCountFromTheNextKeyOn) {
     const ThreadScope thread(Worker());
     for (int round = 0; round < 3; ++round) {
         EXPECT_TRUE(IsMonitored(Worker())) << round;
-        const KeyHandle before = MakeKey(kKey);
+        const KeyHandle before = MakeKey(kTestKey);
         Exempt(true);
         EXPECT_FALSE(IsMonitored(Worker())) << round;
         EXPECT_FALSE(IsMonitored(Worker())) << round;
@@ -117,7 +116,7 @@ TEST_F(KeyContextTest, LoggedOperationsReachNewProcesses) {
     Start();
     const auto operationsOf = [](platform::Process& process) {
         const ThreadScope thread(process);
-        const KeyHandle key = MakeKey(kKey);
+        const KeyHandle key = MakeKey(kTestKey);
         return ContextOf(key)->ProcessContext->Operations;
     };
     EXPECT_EQ(operationsOf(Worker()), 0x17u);
@@ -140,7 +139,7 @@ TEST_F(KeyContextTest, FailuresLeaveTheKeyWithoutContext) {
         {
             const ThreadScope thread(Worker());
             const FaultPlan plan(fault);
-            const KeyHandle key = MakeKey(kKey);
+            const KeyHandle key = MakeKey(kTestKey);
             EXPECT_TRUE(plan.Fired()) << fault.routine;
             EXPECT_EQ(ContextOf(key), nullptr) << fault.routine;
             EXPECT_EQ(Released(), 0) << fault.routine;
@@ -162,10 +161,10 @@ TEST_F(KeyContextTest, CreatedAndOpenedKeys) {
         bool hasEntry, recorded;
     };
     const Case cases[] = {
-        {"created", [] { return CreateKeyOf(kKey); }, operation::kCreateKeyEx, true, true},
-        {"found by creation", [] { return CreateKeyOf(kKey); },
+        {"created", [] { return CreateKeyOf(kTestKey); }, operation::kCreateKeyEx, true, true},
+        {"found by creation", [] { return CreateKeyOf(kTestKey); },
          operation::kCreateKeyEx | operation::kOpenKeyEx, false, false},
-        {"opened", [] { return OpenKeyOf(kKey); }, operation::kOpenKeyEx, false, false},
+        {"opened", [] { return OpenKeyOf(kTestKey); }, operation::kOpenKeyEx, false, false},
     };
     std::vector<KeyHandle> keys;
     for (const Case& c : cases) {
@@ -217,7 +216,7 @@ TEST_F(KeyContextTest, HeaderOfARecord) {
     machine_->SetSystemTime(0x1234567890);
     const auto loan = TheClient().Lend();
     const ThreadScope thread(Worker());
-    const KeyHandle key = MakeKey(kKey);
+    const KeyHandle key = MakeKey(kTestKey);
     EXPECT_EQ(platform::QueryValue(key, u"missing").status, STATUS_OBJECT_NAME_NOT_FOUND);
     NtFlushKey(key);
     const std::vector<Record> records = Collect(*loan);
@@ -266,7 +265,7 @@ TEST_F(KeyContextTest, PathIsWrittenOncePerBuffer) {
 TEST_F(KeyContextTest, BootBufferThatWasResetGetsThePathAgain) {
     StartRecording(operation::kFlushKey);
     const ThreadScope thread(Worker());
-    const KeyHandle key = MakeKey(kKey);
+    const KeyHandle key = MakeKey(kTestKey);
     constexpr int kBootBuffers = 3;
     for (int round = 0; round <= 2 * kBootBuffers; ++round) {
         const auto loan = TheClient().Lend();
@@ -275,7 +274,7 @@ TEST_F(KeyContextTest, BootBufferThatWasResetGetsThePathAgain) {
         const std::vector<Record> records = Collect(*loan);
         ASSERT_EQ(records.size(), sameBufferAgain ? 1u : 0u) << round;
         if (sameBufferAgain) {
-            EXPECT_EQ(records[0].key, kKey) << round;
+            EXPECT_EQ(records[0].key, kTestKey) << round;
             EXPECT_EQ(loan->Information(), 3u) << "record, path and their copy, round " << round;
         }
     }
@@ -285,7 +284,7 @@ TEST_F(KeyContextTest, RecordAndPathMoveTogether) {
     SetParameter(u"Report", u"Operations", operation::kFlushKey);
     StartWithoutBootBuffers();
     const ThreadScope thread(Worker());
-    const KeyHandle key = MakeKey(kKey);
+    const KeyHandle key = MakeKey(kTestKey);
     const auto second = TheClient().Lend();
     const auto first = TheClient().Lend();
     // Leaves room for the record, not for its path.
@@ -298,7 +297,7 @@ TEST_F(KeyContextTest, RecordAndPathMoveTogether) {
     const std::vector<Record> moved = Collect(*first);
     ASSERT_EQ(moved.size(), 1u);
     EXPECT_EQ(moved[0].header.NameOffset, 40);
-    EXPECT_EQ(moved[0].key, kKey);
+    EXPECT_EQ(moved[0].key, kTestKey);
     EXPECT_EQ(first->Information(), 1u) << "one reservation for both";
 }
 
@@ -306,7 +305,7 @@ TEST_F(KeyContextTest, NoRoomForThePathAnywhere) {
     SetParameter(u"Report", u"Operations", operation::kFlushKey);
     StartWithoutBootBuffers();
     const ThreadScope thread(Worker());
-    const KeyHandle key = MakeKey(kKey);
+    const KeyHandle key = MakeKey(kTestKey);
     const auto loan = TheClient().Lend();
     WriteMark(1, 0xFFE8 - 48);
     const Counters before = CountersOf(RegNtPostFlushKey);
@@ -318,7 +317,7 @@ TEST_F(KeyContextTest, NoRoomForThePathAnywhere) {
     NtFlushKey(key);
     const std::vector<Record> next = Collect(*loan);
     ASSERT_EQ(next.size(), 1u) << "the key's entry is free again";
-    EXPECT_EQ(next[0].key, kKey);
+    EXPECT_EQ(next[0].key, kTestKey);
 }
 
 /// A key that could not be given an entry is recorded without a name; the next operation tries
@@ -333,7 +332,7 @@ TEST_F(KeyContextTest, CreationWithoutEntry) {
             KeyHandle key;
             {
                 const FaultPlan plan({.routine = "ExAllocatePoolWithTag", .tag = tag});
-                key = MakeKey(kKey);
+                key = MakeKey(kTestKey);
                 EXPECT_TRUE(plan.Fired()) << platform::TagText(tag);
             }
             NtFlushKey(key);
@@ -341,7 +340,7 @@ TEST_F(KeyContextTest, CreationWithoutEntry) {
         const std::vector<Record> records = Collect(*loan);
         ASSERT_EQ(records.size(), 2u) << platform::TagText(tag);
         EXPECT_EQ(records[0].header.NameOffset, 0) << platform::TagText(tag);
-        EXPECT_EQ(records[1].key, kKey) << platform::TagText(tag);
+        EXPECT_EQ(records[1].key, kTestKey) << platform::TagText(tag);
         loan.reset();
         Stop();
     }
@@ -373,7 +372,7 @@ TEST_F(KeyContextTest, ThreadsFillOneContextAtOnce) {
     }
     for (int n = 0; n < kRounds; ++n) {
         const std::u16string path =
-            std::u16string(kKey) + platform::ToUtf16(std::to_string(n % 2 == 0 ? n : n - 1));
+            std::u16string(kTestKey) + platform::ToUtf16(std::to_string(n % 2 == 0 ? n : n - 1));
         // Half of the keys are created, so that they have an entry already, by another object.
         const KeyHandle other = n % 2 == 0 ? KeyHandle() : MakeKey(path);
         machine_->SetRegistryDword(path, u"v", 1);
@@ -394,7 +393,7 @@ TEST_F(KeyContextTest, ThreadsFillOneContextAtOnce) {
     const std::vector<Record> records = Collect(*loan);
     EXPECT_EQ(records.size(), static_cast<std::size_t>(kRounds * kThreads + kRounds / 2));
     for (const Record& record : records)
-        EXPECT_TRUE(record.key && record.key->starts_with(kKey));
+        EXPECT_TRUE(record.key && record.key->starts_with(kTestKey));
 }
 
 /// Threads of one new process meet in its first keys: one process context comes of it.
@@ -411,7 +410,7 @@ TEST_F(KeyContextTest, ThreadsOpenTheFirstKeysOfAProcessAtOnce) {
             threads.emplace_back([&] {
                 const ThreadScope thread(*process);
                 start.arrive_and_wait();
-                const KeyHandle key = MakeKey(kKey);
+                const KeyHandle key = MakeKey(kTestKey);
                 context = ContextOf(key)->ProcessContext;
                 start.arrive_and_wait();
             });

@@ -10,7 +10,6 @@ namespace {
 
 using platform::MakeKey;
 
-constexpr std::u16string_view kKey = u"\\REGISTRY\\MACHINE\\Test";
 constexpr zpregflt::OperationMask kRecorded = operation::kCreateKeyEx | operation::kFlushKey;
 
 class LifecycleTest : public DriverTest {
@@ -35,7 +34,7 @@ protected:
     /// Makes a key, works on it and deletes it, as a monitored process.
     void Traffic() {
         const ThreadScope thread(Worker());
-        const KeyHandle key = MakeKey(kKey);
+        const KeyHandle key = MakeKey(kTestKey);
         platform::SetValue(key, u"v", REG_BINARY, "1");
         platform::SetValue(key, u"v", REG_BINARY, "2");
         NtFlushKey(key);
@@ -122,8 +121,8 @@ TEST_F(LifecycleTest, KeysStayOpen) {
     StartRecording(kRecorded);
     {
         const ThreadScope thread(Worker());
-        const KeyHandle created = MakeKey(kKey);
-        const KeyHandle opened = platform::OpenKeyOf(kKey).key;
+        const KeyHandle created = MakeKey(kTestKey);
+        const KeyHandle opened = platform::OpenKeyOf(kTestKey).key;
         platform::SetValue(created, u"v", REG_BINARY, "1");
         client_.reset();
         EXPECT_EQ(Unload(), STATUS_SUCCESS);
@@ -208,7 +207,8 @@ TEST_F(LifecycleTest, UnloadUnderTraffic) {
     for (int i = 0; i < 3; ++i) {
         threads.emplace_back([&, i] {
             const ThreadScope thread(Worker());
-            const std::u16string path = std::u16string(kKey) + static_cast<char16_t>(u'0' + i);
+            std::u16string path(kTestKey);
+            path += static_cast<char16_t>(u'0' + i);
             while (!stop) {
                 const KeyHandle key = MakeKey(path);
                 const KeyHandle again = platform::OpenKeyOf(path).key;

@@ -6,7 +6,7 @@
 #include <cstring>
 #include <thread>
 
-namespace platform::testing {
+namespace platform::device_tests {
 
 namespace {
 
@@ -308,4 +308,4 @@ TEST_F(DeviceTest, BreakingTheRulesOfPacketsStopsTheMachine) {
 
 }  // namespace
 
-}  // namespace platform::testing
+}  // namespace platform::device_tests

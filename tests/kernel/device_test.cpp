@@ -2,7 +2,7 @@
 // makes of devices shows more of them.
 #include "test_device.h"
 
-namespace platform::testing {
+namespace platform::device_tests {
 
 namespace {
 
@@ -75,4 +75,4 @@ TEST_F(DeviceTest, DriverThatIsToUnloadTakesNoMoreOpens) {
 
 }  // namespace
 
-}  // namespace platform::testing
+}  // namespace platform::device_tests

@@ -11,7 +11,7 @@
 namespace platform {
 namespace {
 
-constexpr ULONG kTag = MakeTag("Tfi0");
+constexpr ULONG kFaultTag = MakeTag("Tfi0");
 
 /// Which of ten calls fail, as digits 0 to 9.
 std::string FailingCalls(const char* routine, ULONG tag) {
@@ -34,16 +34,16 @@ TEST(FaultPlan, FailsTheCallsItNames) {
         {{.routine = "*", .nth = 10}, "9", 10},
         {{.routine = "A", .nth = 11}, "", 10},
         {{.routine = "B"}, "", 0},
-        {{.routine = "A", .tag = kTag, .nth = 2}, "1", 10},
-        {{.routine = "*", .tag = kTag + 1}, "", 0},
+        {{.routine = "A", .tag = kFaultTag, .nth = 2}, "1", 10},
+        {{.routine = "*", .tag = kFaultTag + 1}, "", 0},
     };
     for (const auto& row : rows) {
         const FaultPlan plan(row.fault);
-        EXPECT_EQ(FailingCalls("A", kTag), row.failing) << row.fault.routine << row.fault.nth;
+        EXPECT_EQ(FailingCalls("A", kFaultTag), row.failing) << row.fault.routine << row.fault.nth;
         EXPECT_EQ(plan.Fired(), *row.failing != '\0');
         EXPECT_EQ(plan.MatchingCalls(), row.matching);
     }
-    EXPECT_EQ(FailingCalls("A", kTag), "");
+    EXPECT_EQ(FailingCalls("A", kFaultTag), "");
 }
 
 TEST(FaultPlan, GivesItsStatusAndIsOneAtATime) {

@@ -14,7 +14,7 @@
 namespace platform {
 namespace {
 
-using Log = std::vector<std::string>;
+using Happenings = std::vector<std::string>;
 
 HANDLE AsHandle(std::uintptr_t value) {
     return reinterpret_cast<HANDLE>(value);
@@ -52,7 +52,7 @@ protected:
     }
     static HANDLE IdOf(Process& process) { return AsHandle(process.Id()); }
 
-    Log log_;
+    Happenings log_;
     ObjectRef<TestObject> object_ = MakeTestObject(log_);
     ObjectRef<Process> process_ = NewProcess();
     ObjectRef<Process> other_ = NewProcess();
@@ -119,7 +119,7 @@ TEST_F(Handles, OfTheKernelHaveTheirOwnPatternAndServeEveryProcess) {
     const ThreadScope elsewhere(*other_);
     EXPECT_EQ(Reference(handle, 0, KernelMode), STATUS_SUCCESS);
     EXPECT_EQ(ZwClose(handle), STATUS_SUCCESS);
-    EXPECT_EQ(log_, (Log{"before", "after", "close kernel lastOfProcess lastOfAll"}));
+    EXPECT_EQ(log_, (Happenings{"before", "after", "close kernel lastOfProcess lastOfAll"}));
     const auto record = CatchBugcheck([handle] { ZwClose(handle); });
     ASSERT_TRUE(record);
     EXPECT_EQ(record->parameters[0], static_cast<std::uintptr_t>(Rule::kHandleInvalid));
@@ -137,10 +137,10 @@ TEST_F(Handles, CloseTellsWhichWasTheLast) {
     EXPECT_EQ(NtClose(second), STATUS_INVALID_HANDLE);
     const ThreadScope inOther(*other_);
     EXPECT_EQ(NtClose(elsewhere), STATUS_SUCCESS);
-    EXPECT_EQ(log_, (Log{"before", "after", "close",                          //
-                         "before", "after", "close lastOfProcess",            //
-                         "before", "after", "close lastOfProcess lastOfAll",  //
-                         "destroy"}));
+    EXPECT_EQ(log_, (Happenings{"before", "after", "close",                          //
+                                "before", "after", "close lastOfProcess",            //
+                                "before", "after", "close lastOfProcess lastOfAll",  //
+                                "destroy"}));
 }
 
 TEST_F(Handles, AreDuplicatedIntoOtherProcesses) {
@@ -197,7 +197,7 @@ TEST_F(Handles, OneOfSeveralClosersWins) {
 TEST_F(Handles, SurviveOpeningLookingUpAndClosingAtOnce) {
     constexpr int kThreads = 4;
     constexpr int kRounds = 3000;
-    Log otherLog;
+    Happenings otherLog;
     ObjectRef<TestObject> second = MakeTestObject(otherLog);
     HandleTable& table = process_->Handles();
     std::barrier start(kThreads);

@@ -6,7 +6,7 @@
 #include <sstream>
 #include <thread>
 
-namespace platform::testing {
+namespace platform::device_tests {
 
 namespace {
 
@@ -180,4 +180,4 @@ TEST_F(HostFileTest, WritersOfOneFileTakeTurns) {
 
 }  // namespace
 
-}  // namespace platform::testing
+}  // namespace platform::device_tests

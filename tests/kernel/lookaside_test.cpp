@@ -14,7 +14,7 @@
 namespace platform {
 namespace {
 
-constexpr ULONG kTag = MakeTag("Tla0");
+constexpr ULONG kLookasideTag = MakeTag("Tla0");
 constexpr SIZE_T kSize = 48;
 
 /// One list behind one face, so that each case runs on both kinds.
@@ -22,13 +22,14 @@ class List {
 public:
     explicit List(bool isPaged, USHORT depth = 0) : isPaged_(isPaged) {
         if (isPaged_) {
-            ExInitializePagedLookasideList(&paged_, nullptr, nullptr, 0, kSize, kTag, depth);
+            ExInitializePagedLookasideList(&paged_, nullptr, nullptr, 0, kSize, kLookasideTag,
+                                           depth);
         } else {
             ExInitializeNPagedLookasideList(&nonPaged_, nullptr, nullptr, POOL_NX_ALLOCATION, kSize,
-                                            kTag, depth);
+                                            kLookasideTag, depth);
         }
     }
-    ~List() { EXPECT_EQ(QueryPoolUsage(kTag).blocks, 0U); }
+    ~List() { EXPECT_EQ(QueryPoolUsage(kLookasideTag).blocks, 0U); }
     List(const List&) = delete;
     List& operator=(const List&) = delete;
 
@@ -72,12 +73,12 @@ TEST(Lookaside, KeepsBlocksUpToItsDepthWithTheirContents) {
         }
         for (PVOID block : blocks)
             list.Free(block);
-        EXPECT_EQ(QueryPoolUsage(kTag).blocks, kDepth);
+        EXPECT_EQ(QueryPoolUsage(kLookasideTag).blocks, kDepth);
         for (const unsigned char value : {2, 1, 0}) {
             auto* const block = static_cast<unsigned char*>(list.Allocate());
             EXPECT_EQ(block[kSize - 1], value);
             EXPECT_EQ(block[sizeof(SLIST_ENTRY)], value);
-            ExFreePoolWithTag(block, kTag);
+            ExFreePoolWithTag(block, kLookasideTag);
         }
         list.CountFrees(kDepth);
         list.Delete();
@@ -89,9 +90,9 @@ TEST(Lookaside, WrongUseStopsTheMachine) {
         List list(isPaged);
         const PVOID block = list.Allocate();
         EXPECT_EQ(RuleBrokenBy([&] { list.Delete(); }),
-                  (BrokenRule{Rule::kLookasideLeaked, list.Address(), kTag}));
+                  (BrokenRule{Rule::kLookasideLeaked, list.Address(), kLookasideTag}));
         list.Free(block);
-        const BrokenRule twice{Rule::kPoolDoubleFree, block, kTag};
+        const BrokenRule twice{Rule::kPoolDoubleFree, block, kLookasideTag};
         EXPECT_EQ(RuleBrokenBy([&] { list.Free(block); }), twice);
         EXPECT_EQ(RuleBrokenBy([&] { ExFreePool(block); }), twice);
         list.CountFrees(-1);  // the machine stopped inside the free, after it was counted
@@ -106,7 +107,7 @@ TEST(Lookaside, PlannedFaultsHitCachedBlocksToo) {
         List list(isPaged);
         list.Free(list.Allocate());
         {
-            const FaultPlan plan({.routine = list.AllocateName(), .tag = kTag, .nth = 2});
+            const FaultPlan plan({.routine = list.AllocateName(), .tag = kLookasideTag, .nth = 2});
             PVOID const block = list.Allocate();
             EXPECT_NE(block, nullptr);
             EXPECT_EQ(list.Allocate(), nullptr);
@@ -157,7 +158,7 @@ TEST(Lookaside, ThreadsNeverShareABlock) {
 
 TEST(Lookaside, PagedListsNeedTheirLevelAndRoomForALink) {
     PAGED_LOOKASIDE_LIST list;
-    ExInitializePagedLookasideList(&list, nullptr, nullptr, 0, kSize, kTag, 0);
+    ExInitializePagedLookasideList(&list, nullptr, nullptr, 0, kSize, kLookasideTag, 0);
     const std::function<void()> actions[] = {
         [&] { ExAllocateFromPagedLookasideList(&list); },
         [&] { ExFreeToPagedLookasideList(&list, nullptr); },
@@ -171,9 +172,10 @@ TEST(Lookaside, PagedListsNeedTheirLevelAndRoomForALink) {
                   BrokenRule{Rule::kIrqlTooHigh});
     }
     ExDeletePagedLookasideList(&list);
-    EXPECT_EQ(RuleBrokenBy(
-                  [&] { ExInitializePagedLookasideList(&list, nullptr, nullptr, 0, 8, kTag, 0); }),
-              (BrokenRule{Rule::kPoolBadRequest, &list, kTag}));
+    EXPECT_EQ(RuleBrokenBy([&] {
+                  ExInitializePagedLookasideList(&list, nullptr, nullptr, 0, 8, kLookasideTag, 0);
+              }),
+              (BrokenRule{Rule::kPoolBadRequest, &list, kLookasideTag}));
 }
 
 TEST(InterlockedList, NoEntryIsLostOrPoppedTwice) {

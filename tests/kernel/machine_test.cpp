@@ -8,8 +8,8 @@
 namespace platform {
 namespace {
 
-constexpr ULONG kTag = MakeTag("Tst1");
-constexpr ULONG kOtherTag = MakeTag("Tst2");
+constexpr ULONG kDriverTag = MakeTag("Tst1");
+constexpr ULONG kOtherDriverTag = MakeTag("Tst2");
 
 /// How the driver behaves, and what happened to it.
 struct Script {
@@ -39,7 +39,7 @@ void NTAPI Unload(PDRIVER_OBJECT) {
     EXPECT_TRUE(PsIsSystemThread(PsGetCurrentThread()));
     if (script.device != nullptr) DeleteDevice(std::exchange(script.device, nullptr));
     if (!script.leakAtUnload && script.block != nullptr) {
-        ExFreePoolWithTag(std::exchange(script.block, nullptr), kTag);
+        ExFreePoolWithTag(std::exchange(script.block, nullptr), kDriverTag);
     }
     if (script.registerNotify && NT_SUCCESS(script.notifyStatus)) {
         PsSetCreateProcessNotifyRoutineEx(Notify, TRUE);
@@ -56,7 +56,7 @@ NTSTATUS NTAPI Entry(PDRIVER_OBJECT driver, PUNICODE_STRING registryPath) {
         if (!NT_SUCCESS(script.notifyStatus)) return script.notifyStatus;
     }
     if (NT_SUCCESS(script.entryStatus) || script.leakAtEntry) {
-        script.block = ExAllocatePoolWithTag(NonPagedPool, 64, kTag);
+        script.block = ExAllocatePoolWithTag(NonPagedPool, 64, kDriverTag);
     }
     if (script.makeDevice) {
         EXPECT_EQ(CreateDevice(driver, u"\\Device\\MachineTest", {}, FILE_DEVICE_UNKNOWN, false,
@@ -70,9 +70,9 @@ class MachineTest : public testing::Test {
 protected:
     MachineTest() { script = {}; }
     ~MachineTest() override {
-        if (script.block != nullptr) ExFreePoolWithTag(script.block, kTag);
+        if (script.block != nullptr) ExFreePoolWithTag(script.block, kDriverTag);
     }
-    static DriverImage Image() { return {u"mtest", Entry, true, {kTag, kOtherTag}}; }
+    static DriverImage Image() { return {u"mtest", Entry, true, {kDriverTag, kOtherDriverTag}}; }
     static bool KeyExists(std::u16string_view path) {
         UNICODE_STRING name = Describe(path);
         OBJECT_ATTRIBUTES attributes;

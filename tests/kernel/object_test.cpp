@@ -13,7 +13,7 @@
 namespace platform {
 namespace {
 
-using Log = std::vector<std::string>;
+using Happenings = std::vector<std::string>;
 
 bool HasViolated(const std::optional<BugcheckRecord>& record, Rule rule) {
     return record && record->code == kVerifierBugcheck &&
@@ -21,7 +21,7 @@ bool HasViolated(const std::optional<BugcheckRecord>& record, Rule rule) {
 }
 
 TEST(Object, LivesUntilItsLastReferenceGoes) {
-    Log log;
+    Happenings log;
     ObjectRef<TestObject> first = MakeTestObject(log);
     EXPECT_EQ(TypeOf(first.get()), &kTestType);
     EXPECT_EQ(ObfReferenceObject(first.get()), 2);
@@ -31,11 +31,11 @@ TEST(Object, LivesUntilItsLastReferenceGoes) {
     first = {};
     EXPECT_TRUE(log.empty());
     second = {};
-    EXPECT_EQ(log, Log{"destroy"});
+    EXPECT_EQ(log, Happenings{"destroy"});
 }
 
 TEST(Object, IsDestroyedByAWorkerWhenTheLastReferenceGoesAtRaisedIrql) {
-    Log log;
+    Happenings log;
     TestObject* object = MakeTestObject(log).release();
     const std::thread::id here = std::this_thread::get_id();
     std::thread::id destroyer = here;
@@ -48,7 +48,7 @@ TEST(Object, IsDestroyedByAWorkerWhenTheLastReferenceGoesAtRaisedIrql) {
     ObfDereferenceObject(object);
     KeLowerIrql(level);
     DrainSystemWork();
-    EXPECT_EQ(log, Log{"destroy"});
+    EXPECT_EQ(log, Happenings{"destroy"});
     EXPECT_NE(destroyer, here);
     EXPECT_EQ(levelThere, PASSIVE_LEVEL);
 }
@@ -62,7 +62,7 @@ TEST(Object, BadReferencesStopTheMachine) {
     EXPECT_TRUE(
         HasViolated(CatchBugcheck([] { ObfReferenceObject(nullptr); }), Rule::kObjectBadReference));
     // While the object is being destroyed nobody may refer to it any more.
-    static Log log;
+    static Happenings log;
     TestObject* object = MakeTestObject(log).release();
     std::optional<BugcheckRecord> record;
     object->onDestroy = [&] { record = CatchBugcheck([&] { ReferenceObject(object); }); };
@@ -88,7 +88,7 @@ protected:
         return status;
     }
 
-    Log log_;
+    Happenings log_;
     ObjectRef<TestObject> object_ = MakeTestObject(log_);
 };
 

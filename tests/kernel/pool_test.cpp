@@ -14,12 +14,12 @@
 namespace platform {
 namespace {
 
-constexpr ULONG kTag = MakeTag("Tpl0");
-constexpr ULONG kOtherTag = MakeTag("Tpl1");
+constexpr ULONG kPoolTag = MakeTag("Tpl0");
+constexpr ULONG kOtherPoolTag = MakeTag("Tpl1");
 /// Of blocks that a machine which stops in the middle of a free leaves behind.
 constexpr ULONG kDamagedTag = MakeTag("Tpl2");
 
-unsigned char* Allocate(std::size_t size, POOL_TYPE type = NonPagedPoolNx, ULONG tag = kTag) {
+unsigned char* Allocate(std::size_t size, POOL_TYPE type = NonPagedPoolNx, ULONG tag = kPoolTag) {
     return static_cast<unsigned char*>(ExAllocatePoolWithTag(type, size, tag));
 }
 
@@ -34,17 +34,17 @@ TEST(Pool, BlocksAreAlignedDistinctAndCountedByTag) {
             std::memset(blocks.back(), static_cast<int>(size), size);
             bytes += size;
         }
-        EXPECT_EQ(QueryPoolUsage(kTag).blocks, blocks.size());
-        EXPECT_EQ(QueryPoolUsage(kTag).bytes, bytes);
+        EXPECT_EQ(QueryPoolUsage(kPoolTag).blocks, blocks.size());
+        EXPECT_EQ(QueryPoolUsage(kPoolTag).bytes, bytes);
         const std::vector<TagUsage> list = ListPoolUsage();
         EXPECT_TRUE(std::any_of(list.begin(), list.end(),
-                                [](const TagUsage& usage) { return usage.tag == kTag; }));
+                                [](const TagUsage& usage) { return usage.tag == kPoolTag; }));
         for (std::size_t i = 0; i < blocks.size(); ++i) {
             EXPECT_EQ(blocks[i][i * 7], static_cast<unsigned char>(1 + i * 7));
-            ExFreePoolWithTag(blocks[i], i % 2 == 0 ? kTag : 0);
+            ExFreePoolWithTag(blocks[i], i % 2 == 0 ? kPoolTag : 0);
         }
-        EXPECT_EQ(QueryPoolUsage(kTag).blocks, 0U);
-        EXPECT_EQ(QueryPoolUsage(kTag).bytes, 0U);
+        EXPECT_EQ(QueryPoolUsage(kPoolTag).blocks, 0U);
+        EXPECT_EQ(QueryPoolUsage(kPoolTag).bytes, 0U);
     }
     EnableVerifier(true);
 }
@@ -55,13 +55,13 @@ TEST(Pool, ANewBlockIsNotZeroAndThereIsNoneOfAnySize) {
     ExFreePool(block);
     EXPECT_EQ(Allocate(SIZE_MAX), nullptr);
     EXPECT_EQ(Allocate(SIZE_MAX / 2), nullptr);
-    EXPECT_EQ(QueryPoolUsage(kTag).blocks, 0U);
+    EXPECT_EQ(QueryPoolUsage(kPoolTag).blocks, 0U);
 }
 
 TEST(Pool, WrongRequestsStopTheMachine) {
     void* const block = Allocate(32);
     void* const freed = Allocate(32);
-    ExFreePoolWithTag(freed, kTag);
+    ExFreePoolWithTag(freed, kPoolTag);
     void* const paged = Allocate(32, PagedPool);
     int local = 0;
     void* const inside = static_cast<char*>(block) + 16;
@@ -72,15 +72,15 @@ TEST(Pool, WrongRequestsStopTheMachine) {
         KIRQL level = PASSIVE_LEVEL;
     } rows[] = {
         // clang-format off
-        {"wrong tag", [&] { ExFreePoolWithTag(block, kOtherTag); }, {Rule::kPoolWrongTag, block, kTag}},
-        {"freed twice", [&] { ExFreePoolWithTag(freed, kTag); }, {Rule::kPoolDoubleFree, freed, kTag}},
-        {"freed twice, no tag", [&] { ExFreePool(freed); }, {Rule::kPoolDoubleFree, freed, kTag}},
-        {"not a block", [&] { ExFreePoolWithTag(&local, kTag); }, {Rule::kPoolDoubleFree, &local, kTag}},
-        {"inside", [&] { ExFreePoolWithTag(inside, kTag); }, {Rule::kPoolDoubleFree, inside, kTag}},
+        {"wrong tag", [&] { ExFreePoolWithTag(block, kOtherPoolTag); }, {Rule::kPoolWrongTag, block, kPoolTag}},
+        {"freed twice", [&] { ExFreePoolWithTag(freed, kPoolTag); }, {Rule::kPoolDoubleFree, freed, kPoolTag}},
+        {"freed twice, no tag", [&] { ExFreePool(freed); }, {Rule::kPoolDoubleFree, freed, kPoolTag}},
+        {"not a block", [&] { ExFreePoolWithTag(&local, kPoolTag); }, {Rule::kPoolDoubleFree, &local, kPoolTag}},
+        {"inside", [&] { ExFreePoolWithTag(inside, kPoolTag); }, {Rule::kPoolDoubleFree, inside, kPoolTag}},
         {"null", [] { ExFreePool(nullptr); }, {Rule::kPoolDoubleFree}},
-        {"zero bytes", [] { Allocate(0); }, {Rule::kPoolBadRequest, nullptr, kTag}},
+        {"zero bytes", [] { Allocate(0); }, {Rule::kPoolBadRequest, nullptr, kPoolTag}},
         {"no tag", [] { ExAllocatePoolWithTag(PagedPool, 8, 0); }, {Rule::kPoolBadRequest}},
-        {"no type", [] { Allocate(8, static_cast<POOL_TYPE>(5)); }, {Rule::kPoolBadRequest, nullptr, kTag}},
+        {"no type", [] { Allocate(8, static_cast<POOL_TYPE>(5)); }, {Rule::kPoolBadRequest, nullptr, kPoolTag}},
         {"paged, raised", [] { Allocate(8, PagedPool); }, {Rule::kIrqlTooHigh}, DISPATCH_LEVEL},
         {"paged freed, raised", [&] { ExFreePool(paged); }, {Rule::kIrqlTooHigh}, DISPATCH_LEVEL},
         // clang-format on
@@ -94,12 +94,12 @@ TEST(Pool, WrongRequestsStopTheMachine) {
         EXPECT_EQ(KeGetCurrentIrql(), PASSIVE_LEVEL) << row.what;
     }
     // A refused free leaves the block as it was.
-    ExFreePoolWithTag(block, kTag);
-    ExFreePoolWithTag(paged, kTag);
+    ExFreePoolWithTag(block, kPoolTag);
+    ExFreePoolWithTag(paged, kPoolTag);
     const KIRQL old = KfRaiseIrql(DISPATCH_LEVEL);
     ExFreePool(Allocate(8));
     KeLowerIrql(old);
-    EXPECT_EQ(QueryPoolUsage(kTag).blocks, 0U);
+    EXPECT_EQ(QueryPoolUsage(kPoolTag).blocks, 0U);
 }
 
 // The address sanitizer ends the process at the stray access instead.
@@ -110,8 +110,8 @@ TEST(PoolDamage, WritesOutsideABlockAreFound) {
     for (const int at : {24, 39, -1}) {
         const unsigned char before = block[at];
         block[at] = static_cast<unsigned char>(~before);
-        const BrokenRule expected{Rule::kPoolCorrupted, plain, kTag};
-        EXPECT_EQ(RuleBrokenBy([plain] { ExFreePoolWithTag(plain, kTag); }), expected) << at;
+        const BrokenRule expected{Rule::kPoolCorrupted, plain, kPoolTag};
+        EXPECT_EQ(RuleBrokenBy([plain] { ExFreePoolWithTag(plain, kPoolTag); }), expected) << at;
         EXPECT_EQ(RuleBrokenBy([] { CheckPool(); }), expected) << at;
         block[at] = before;
     }
@@ -152,10 +152,10 @@ TEST(Pool, BlocksOutliveASwitchOfTheVerifier) {
     unsigned char* const verified = Allocate(8);
     EnableVerifier(false);
     unsigned char* const plain = Allocate(8);
-    ExFreePoolWithTag(verified, kTag);
+    ExFreePoolWithTag(verified, kPoolTag);
     EnableVerifier(true);
-    ExFreePoolWithTag(plain, kTag);
-    EXPECT_EQ(QueryPoolUsage(kTag).blocks, 0U);
+    ExFreePoolWithTag(plain, kPoolTag);
+    EXPECT_EQ(QueryPoolUsage(kPoolTag).blocks, 0U);
 }
 
 TEST(Pool, AccountsAreExactWhenOtherThreadsFree) {
@@ -175,15 +175,15 @@ TEST(Pool, AccountsAreExactWhenOtherThreadsFree) {
             blocks[static_cast<std::size_t>(i)].push_back(Allocate(16));
         }
     });
-    EXPECT_EQ(QueryPoolUsage(kTag).blocks, std::size_t{kThreads} * kBlocks);
-    EXPECT_EQ(QueryPoolUsage(kTag).bytes, std::size_t{kThreads} * kBlocks * 16);
+    EXPECT_EQ(QueryPoolUsage(kPoolTag).blocks, std::size_t{kThreads} * kBlocks);
+    EXPECT_EQ(QueryPoolUsage(kPoolTag).bytes, std::size_t{kThreads} * kBlocks * 16);
     onEachThread([&](int i) {
         for (unsigned char* block : blocks[static_cast<std::size_t>((i + 1) % kThreads)]) {
-            ExFreePoolWithTag(block, kTag);
+            ExFreePoolWithTag(block, kPoolTag);
         }
     });
-    EXPECT_EQ(QueryPoolUsage(kTag).blocks, 0U);
-    EXPECT_EQ(QueryPoolUsage(kTag).bytes, 0U);
+    EXPECT_EQ(QueryPoolUsage(kPoolTag).blocks, 0U);
+    EXPECT_EQ(QueryPoolUsage(kPoolTag).bytes, 0U);
 }
 
 }  // namespace

@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-namespace platform::testing {
+namespace platform::device_tests {
 
 constexpr ULONG ControlCode(ULONG function, ULONG method, ULONG access = FILE_ANY_ACCESS) {
     return FILE_DEVICE_UNKNOWN << 16 | access << 14 | function << 2 | method;
@@ -191,4 +191,4 @@ private:
     static constexpr ACCESS_MASK kAllEventAccess = 0x1F0003;
 };
 
-}  // namespace platform::testing
+}  // namespace platform::device_tests

@@ -242,13 +242,13 @@ TEST_F(ProcessTest, FailingStartsLeaveNothing) {
 
 TEST_F(ProcessTest, ThreadsOfOneProcessAgreeOnOneContext) {
     const TrackingHandle tracking;
-    constexpr int kThreads = 4;
+    constexpr int kTrackers = 4;
     constexpr int kRounds = 100;
-    std::barrier step(kThreads);
+    std::barrier step(kTrackers);
     std::atomic<int> attached{0};
     platform::ObjectRef<platform::Process> process;
     std::vector<std::thread> threads;
-    for (int self = 0; self < kThreads; ++self) {
+    for (int self = 0; self < kTrackers; ++self) {
         threads.emplace_back([&, self] {
             for (int round = 0; round < kRounds; ++round) {
                 if (self == 0) process = Start();
@@ -271,7 +271,7 @@ TEST_F(ProcessTest, ThreadsOfOneProcessAgreeOnOneContext) {
         thread.join();
     }
     EXPECT_EQ(attached.load(), kRounds);
-    EXPECT_EQ(TrackingHandle::cleanedCount.load(), kRounds * kThreads);
+    EXPECT_EQ(TrackingHandle::cleanedCount.load(), kRounds * kTrackers);
 }
 
 TEST_F(ProcessTest, ARequestThatRacesTheEndOfAProcessLeavesNoRecord) {

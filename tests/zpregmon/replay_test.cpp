@@ -6,6 +6,7 @@
 #include "kernel/registry_fixture.h"
 #include "zpregmon/registry_model.h"
 #include "zpregmon/replay/process_start.h"
+#include "zpregmon/samples.h"
 #include "zpregmon/temporary_file.h"
 
 #include <gtest/gtest.h>
@@ -16,8 +17,6 @@
 
 namespace zpregmon {
 namespace {
-
-constexpr const char* kSample = "samples/wineboot.jsonl.gz";
 
 /// What is kept of an event when its buffer is gone.
 struct SeenEvent {
@@ -193,11 +192,11 @@ TEST_P(SampleTest, ChangesWhatTheRegistryHeld) {
 }
 
 const char* const kSamples[] = {
-    "samples/wineboot.jsonl.gz",
+    kSample,
 #if !defined(__SANITIZE_THREAD__)
     // A replay in order has one thread; what differs in these is traffic.
-    "samples/reg-import.jsonl.gz",
-    "samples/parallel.jsonl.gz",
+    kImportSample,
+    kParallelSample,
 #endif
 };
 

@@ -1,5 +1,6 @@
 #include "zpregmon/replay/workload.h"
 
+#include "zpregmon/samples.h"
 #include "zpregmon/temporary_file.h"
 
 #include <gtest/gtest.h>
@@ -10,8 +11,6 @@
 
 namespace zpregmon {
 namespace {
-
-constexpr const char* kSample = "samples/wineboot.jsonl.gz";
 
 Workload Parse(const std::string& text) {
     const TemporaryFile file(text);

@@ -8,7 +8,6 @@
 #include "platform/kernel/verifier.h"
 
 #include <algorithm>
-#include <chrono>
 #include <string>
 #include <vector>
 
@@ -17,9 +16,6 @@ namespace platform::framework {
 namespace {
 
 constexpr std::uint64_t kMagic = 0x676E69646E694246;
-
-/// How long objects without a driver's reference may take to go before they count as leaked.
-constexpr std::chrono::seconds kPatience{5};
 
 struct Bindings {
     std::mutex lock;

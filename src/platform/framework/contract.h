@@ -10,10 +10,15 @@
 
 #include <wdf.h>
 
+#include <chrono>
 #include <optional>
 #include <string>
 
 namespace platform::framework {
+
+/// How long what goes away waits for the driver's requests and for objects that should go by
+/// themselves, before it calls them lost.
+inline constexpr std::chrono::seconds kPatience{5};
 
 /// Stops the machine with the framework's bugcheck code.
 [[noreturn]] void FrameworkBugcheck(const std::string& message, const void* object = nullptr);

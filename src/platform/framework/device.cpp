@@ -8,15 +8,11 @@
 
 #include <algorithm>
 #include <atomic>
-#include <chrono>
 #include <cstdio>
 
 namespace platform::framework {
 
 namespace {
-
-/// How long a device that goes away waits for the driver's requests before it calls them lost.
-constexpr std::chrono::seconds kPatience{5};
 
 /// A name as the I/O manager makes one for a device that asks for it.
 std::u16string NextGeneratedName() {

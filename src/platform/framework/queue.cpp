@@ -4,14 +4,9 @@
 #include "platform/framework/device.h"
 #include "platform/framework/driver_callback.h"
 
-#include <chrono>
-
 namespace platform::framework {
 
 namespace {
-
-/// How long a queue that goes away waits for the driver's requests before it calls them lost.
-constexpr std::chrono::seconds kPatience{5};
 
 Request& RequestOf(LIST_ENTRY* link) {
     return *static_cast<RequestLink*>(link)->request;

@@ -23,7 +23,7 @@ constexpr ULONG kValidAttributes = 0x1FF2;
 constexpr ACCESS_MASK kWow64Bits = KEY_WOW64_64KEY | KEY_WOW64_32KEY;
 
 /// What the caller asks for, captured.
-struct OpenRequest {
+struct KeyRequest {
     KeyName name;
     CapturedString className;
     ACCESS_MASK desiredAccess = 0;
@@ -49,8 +49,8 @@ private:
     NTSTATUS CaptureSecurity(const CallerMemory& memory, const void* given);
 };
 
-NTSTATUS OpenRequest::Capture(const CallerMemory& memory, POBJECT_ATTRIBUTES given,
-                              ULONG givenOptions, const KeyCreation* creation) {
+NTSTATUS KeyRequest::Capture(const CallerMemory& memory, POBJECT_ATTRIBUTES given,
+                             ULONG givenOptions, const KeyCreation* creation) {
     OBJECT_ATTRIBUTES captured;
     if (!memory.Load(captured, given)) return STATUS_ACCESS_VIOLATION;
     if (captured.Length != sizeof(captured) || (captured.Attributes & ~kValidAttributes) != 0 ||
@@ -69,7 +69,7 @@ NTSTATUS OpenRequest::Capture(const CallerMemory& memory, POBJECT_ATTRIBUTES giv
     return NT_SUCCESS(status) ? name.Capture(memory, captured) : status;
 }
 
-NTSTATUS OpenRequest::CaptureSecurity(const CallerMemory& memory, const void* given) {
+NTSTATUS KeyRequest::CaptureSecurity(const CallerMemory& memory, const void* given) {
     if (given == nullptr) return STATUS_SUCCESS;
     const NTSTATUS status = CaptureDescriptor(memory, given, securityParts);
     if (NT_SUCCESS(status)) security = JoinDescriptor(securityParts);
@@ -77,7 +77,7 @@ NTSTATUS OpenRequest::CaptureSecurity(const CallerMemory& memory, const void* gi
 }
 
 /// With the tree's lock held.
-NTSTATUS Walk(const OpenRequest& request, PathEnd& end) {
+NTSTATUS Walk(const KeyRequest& request, PathEnd& end) {
     KeyNode& start = request.name.root->Node();
     if (start.IsDeleted()) return STATUS_KEY_DELETED;
     return WalkPath(RegistryTree(), start, request.name.path, request.OpensLink(), end);
@@ -88,7 +88,7 @@ const Token& CallerToken() {
 }
 
 /// What of the caller's request the key's access list grants.
-NTSTATUS CheckAccess(const OpenRequest& request, const KeyNode& key, ACCESS_MASK& granted) {
+NTSTATUS CheckAccess(const KeyRequest& request, const KeyNode& key, ACCESS_MASK& granted) {
     const ACCESS_MASK desired = request.desiredAccess & ~kWow64Bits;
     if (!request.ChecksAccess()) {
         granted = MapAccess(desired, kKeyType);
@@ -100,7 +100,7 @@ NTSTATUS CheckAccess(const OpenRequest& request, const KeyNode& key, ACCESS_MASK
 
 /// Whoever may create subkeys gets the right that is asked for on the new one, whatever its list
 /// says, but for the right that takes a privilege.
-NTSTATUS CheckCreation(const OpenRequest& request, const KeyNode& parent, ACCESS_MASK& granted) {
+NTSTATUS CheckCreation(const KeyRequest& request, const KeyNode& parent, ACCESS_MASK& granted) {
     granted = MapAccess(request.desiredAccess & ~kWow64Bits, kKeyType);
     if (!request.ChecksAccess()) return STATUS_SUCCESS;
     const bool isLink = (request.options & REG_OPTION_CREATE_LINK) != 0;
@@ -111,7 +111,7 @@ NTSTATUS CheckCreation(const OpenRequest& request, const KeyNode& parent, ACCESS
     return mayCreate ? STATUS_SUCCESS : STATUS_ACCESS_DENIED;
 }
 
-NTSTATUS AddKey(const OpenRequest& request, PathEnd& end, ACCESS_MASK& granted) {
+NTSTATUS AddKey(const KeyRequest& request, PathEnd& end, ACCESS_MASK& granted) {
     const KeyNode::Kind kind{.isVolatile = (request.options & REG_OPTION_VOLATILE) != 0,
                              .isLink = (request.options & REG_OPTION_CREATE_LINK) != 0};
     NTSTATUS status = CheckCreation(request, *end.parent, granted);
@@ -134,7 +134,7 @@ struct KeyGrant {
     ACCESS_MASK access = 0;
 };
 
-NTSTATUS FindKey(const OpenRequest& request, KeyGrant& grant) {
+NTSTATUS FindKey(const KeyRequest& request, KeyGrant& grant) {
     const std::shared_lock guard(RegistryTree().lock);
     PathEnd end;
     NTSTATUS status = Walk(request, end);
@@ -145,7 +145,7 @@ NTSTATUS FindKey(const OpenRequest& request, KeyGrant& grant) {
     return status;
 }
 
-NTSTATUS FindOrAddKey(const OpenRequest& request, KeyGrant& grant, ULONG& disposition) {
+NTSTATUS FindOrAddKey(const KeyRequest& request, KeyGrant& grant, ULONG& disposition) {
     const std::unique_lock guard(RegistryTree().lock);
     PathEnd end;
     NTSTATUS status = Walk(request, end);
@@ -184,7 +184,7 @@ NTSTATUS OpenKey(const CallerMemory& memory, PHANDLE handle, ACCESS_MASK desired
                  POBJECT_ATTRIBUTES attributes, ULONG options, const KeyCreation* creation) {
     // A bad place for the handle must be found before a key is created.
     if (!memory.Store(handle, HANDLE{nullptr})) return STATUS_ACCESS_VIOLATION;
-    OpenRequest request;
+    KeyRequest request;
     NTSTATUS status = request.Capture(memory, attributes, options, creation);
     if (!NT_SUCCESS(status)) return status;
     request.desiredAccess = desiredAccess;

@@ -56,7 +56,7 @@ bool AllBytes(const unsigned char* bytes, std::size_t size, unsigned char value)
     return std::all_of(bytes, bytes + size, [value](unsigned char byte) { return byte == value; });
 }
 
-PoolHeader* HeaderOf(void* block) {
+PoolHeader* PoolHeaderOf(void* block) {
     return static_cast<PoolHeader*>(block) - 1;
 }
 
@@ -67,7 +67,7 @@ PoolHeader ExpectedHeader(const PoolBlock& facts) {
 // The address sanitizer reports a stray access itself, at the access; zones are poisoned then.
 bool ZonesIntact(void* block, const PoolBlock& facts) {
     if (kAddressSanitizer) return true;
-    return *HeaderOf(block) == ExpectedHeader(facts) &&
+    return *PoolHeaderOf(block) == ExpectedHeader(facts) &&
            AllBytes(Bytes(block) + facts.size, kTrailingZone, kZoneByte);
 }
 
@@ -76,7 +76,7 @@ bool UntouchedSinceFree(const RetiredBlock& retired) {
 }
 
 void ReleaseMemory(const RetiredBlock& retired) {
-    PoolHeader* const memory = HeaderOf(retired.block);
+    PoolHeader* const memory = PoolHeaderOf(retired.block);
     Unpoison(memory, sizeof(PoolHeader) + retired.facts.size + kTrailingZone);
     std::free(memory);
 }
@@ -223,8 +223,8 @@ Registry& Books() {
 void EnterBlock(void* block, const PoolBlock& facts) {
     std::memset(block, kNewByte, facts.size);
     std::memset(Bytes(block) + facts.size, kZoneByte, kTrailingZone);
-    *HeaderOf(block) = ExpectedHeader(facts);
-    Poison(HeaderOf(block), sizeof(PoolHeader));
+    *PoolHeaderOf(block) = ExpectedHeader(facts);
+    Poison(PoolHeaderOf(block), sizeof(PoolHeader));
     Poison(Bytes(block) + facts.size, kTrailingZone);
     Books().Enter(block, facts);
 }

@@ -151,4 +151,21 @@ bool DecodeBool(std::string_view token) {
     return word == "true";
 }
 
+const std::string_view* JsonMembers::Find(std::string_view key) const {
+    for (const Member& member : members_) {
+        if (member.key == key) {
+            return &member.token;
+        }
+    }
+    return nullptr;
+}
+
+std::string_view JsonMembers::Get(std::string_view key, std::string_view expected) const {
+    const std::string_view* token = Find(key);
+    if (token == nullptr) {
+        throw TokenError(fmt::format("'{}' is missing, expected {}", key, expected));
+    }
+    return *token;
+}
+
 }  // namespace zpregmon

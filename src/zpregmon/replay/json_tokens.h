@@ -10,6 +10,7 @@
 #include <span>
 #include <stdexcept>
 #include <string_view>
+#include <vector>
 
 namespace zpregmon {
 
@@ -29,5 +30,21 @@ std::uint32_t DecodeHexNumber(std::string_view token);
 /// An unsigned decimal number up to `most`.
 std::uint64_t DecodeNumber(std::string_view token, std::uint64_t most);
 bool DecodeBool(std::string_view token);
+
+/// The members of one JSON object, as they stand in the file.
+class JsonMembers {
+public:
+    void Clear() { members_.clear(); }
+    void Add(std::string_view key, std::string_view token) { members_.push_back({key, token}); }
+    /// Null when it is missing.
+    const std::string_view* Find(std::string_view key) const;
+    std::string_view Get(std::string_view key, std::string_view expected) const;
+
+private:
+    struct Member {
+        std::string_view key, token;
+    };
+    std::vector<Member> members_;
+};
 
 }  // namespace zpregmon

@@ -9,9 +9,6 @@ namespace zpregmon {
 
 namespace {
 
-/// Records between two calls of ReplayControl::pace.
-constexpr std::uint64_t kPaceInterval = 64;
-
 class OrderedReplay {
 public:
     OrderedReplay(platform::Machine& machine, const Workload& workload, bool check,
@@ -21,7 +18,7 @@ public:
     ReplayResult Run() {
         std::uint64_t count = 0;
         for (const Record& record : workload_.Records()) {
-            if (count % kPaceInterval == 0 && !GoOn(count)) {
+            if (count % ReplayControl::kPaceInterval == 0 && !GoOn(count)) {
                 break;
             }
             Replay(record);

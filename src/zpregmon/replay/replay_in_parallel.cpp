@@ -16,9 +16,6 @@ namespace zpregmon {
 
 namespace {
 
-/// Records between two calls of ReplayControl::pace, for each thread.
-constexpr std::uint64_t kPaceInterval = 64;
-
 class ParallelReplay {
 public:
     ParallelReplay(platform::Machine& machine, const Workload& workload, ReplayControl& control)
@@ -61,7 +58,7 @@ private:
         RecordedThread thread;
         std::uint64_t sinceLast = 0;
         for (const PlannedStep& step : plan_.streams.at(pid)) {
-            if (sinceLast++ % kPaceInterval == 0 && !GoOn()) {
+            if (sinceLast++ % ReplayControl::kPaceInterval == 0 && !GoOn()) {
                 return;
             }
             const Record& record = *step.record;

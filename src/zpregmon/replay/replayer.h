@@ -13,6 +13,9 @@ namespace zpregmon {
 
 /// How a replay and the rest of the program talk while it runs.
 struct ReplayControl {
+    /// Records of one thread between two calls of `pace`.
+    static constexpr std::uint64_t kPaceInterval = 64;
+
     /// Records that are done.
     std::atomic<std::uint64_t> done{0};
     /// Set by anybody: the replay ends early.

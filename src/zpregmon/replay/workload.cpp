@@ -22,34 +22,6 @@ constexpr std::uint32_t kPidStep = 4;
 /// The system process has it.
 constexpr std::uint32_t kSystemPid = 4;
 
-/// The members of one JSON object, as they stand in the file.
-class Members {
-public:
-    void Clear() { members_.clear(); }
-    void Add(std::string_view key, std::string_view token) { members_.push_back({key, token}); }
-    const std::string_view* Find(std::string_view key) const {
-        for (const Member& member : members_) {
-            if (member.key == key) {
-                return &member.token;
-            }
-        }
-        return nullptr;
-    }
-    std::string_view Get(std::string_view key, std::string_view expected) const {
-        const std::string_view* token = Find(key);
-        if (token == nullptr) {
-            throw TokenError(fmt::format("'{}' is missing, expected {}", key, expected));
-        }
-        return *token;
-    }
-
-private:
-    struct Member {
-        std::string_view key, token;
-    };
-    std::vector<Member> members_;
-};
-
 }  // namespace
 
 /// Goes through the lines of one file.
@@ -190,7 +162,7 @@ private:
     Workload workload_;
     std::uint32_t line_ = 1;
     simdjson::ondemand::parser parser_;
-    Members members_;
+    JsonMembers members_;
     std::vector<std::u16string_view> initialKeys_;
 };
 
