@@ -10,6 +10,9 @@ struct ZPK_PROCESS_TRACKING {
     GUID Client;
     ProcessTrackingConfig Config;
     volatile LONG References;
+    /// Held for each block that has come off its process and is still the library's. The end of the
+    /// registration waits for these: its client may be gone as soon as it has ended.
+    EX_RUNDOWN_REF Detached;
 };
 
 namespace zpklib {
@@ -62,6 +65,8 @@ void Detach(Process* process, ZPK_PROCESS_TRACKING* registration, ProcessContext
     PVOID volatile* link = &process->FirstContext;
     while (auto* context = static_cast<ProcessContext*>(ReadPointerNoFence(link))) {
         if (context->Registration == registration) {
+            // Granted: the registration's end takes its own blocks off before it begins to wait.
+            ExAcquireRundownProtection(&registration->Detached);
             WritePointerRelease(link, ReadPointerNoFence(&context->NextOfProcess));
             context->NextDetached = *detached;
             *detached = context;
@@ -98,7 +103,9 @@ ProcessContext* DetachContexts(Process* process) {
 void ReleaseDetached(ProcessContext* contexts) {
     while (contexts != nullptr) {
         ProcessContext* next = contexts->NextDetached;
+        ZPK_PROCESS_TRACKING* registration = contexts->Registration;
         Release(contexts);
+        ExReleaseRundownProtection(&registration->Detached);
         contexts = next;
     }
 }
@@ -122,6 +129,7 @@ NTSTATUS NTAPI ZPkPsRegister(const GUID* client, const ProcessTrackingConfig* co
     made->Client = *client;
     made->Config = *config;
     made->References = 1;
+    ExInitializeRundownProtection(&made->Detached);
     MutexGuard guard(processTable.Mutex());
     if (IsRegistered(*client)) {
         ExFreePoolWithTag(made, kRegistrationTag);
@@ -141,6 +149,8 @@ NTSTATUS NTAPI ZPkPsUnregister(ZPK_PROCESS_TRACKING* tracking) {
     }
     WaitForReaders();
     ReleaseDetached(detached);
+    // What the end of a process has taken off is still on its way to the client on that thread.
+    ExWaitForRundownProtectionRelease(&tracking->Detached);
     Release(tracking);
     return STATUS_SUCCESS;
 }

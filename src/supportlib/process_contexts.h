@@ -24,7 +24,8 @@ PVOID ReferencedContext(Process* process, ZPK_PROCESS_TRACKING* registration);
 
 /// Takes all contexts off a process; under the process table's mutex.
 ProcessContext* DetachContexts(Process* process);
-/// Drops the library's references on detached contexts. PASSIVE_LEVEL, no mutex held, after a wait
+/// Drops the library's references on detached contexts; every detached one has to come here, since
+/// the end of its registration waits for it. PASSIVE_LEVEL, no mutex held, after a wait
 /// for readers.
 void ReleaseDetached(ProcessContext* contexts);
 

@@ -17,7 +17,7 @@
 //   used again or the library unloads.
 // - Process contexts are attached under the mutex and only to records that are not marked. They
 //   come off when the process ends or their registration does, and lose the library's reference
-//   after a wait for readers.
+//   after a wait for readers. A registration has not ended before all of its contexts have.
 #pragma once
 
 #include "supportlib/locks.h"

@@ -30,6 +30,8 @@ extern ReaderSlot readerSlots[kReaderSlots];
 class [[nodiscard]] ReadSection {
 public:
     ReadSection() {
+        // A thread that is suspended inside would keep every writer waiting until it goes on.
+        KeEnterCriticalRegion();
         for (ULONG slot = KeGetCurrentProcessorNumberEx(nullptr);; ++slot) {
             sequence_ = &readerSlots[slot % kReaderSlots].Sequence;
             const LONG left = ReadNoFence(sequence_);
@@ -41,7 +43,10 @@ public:
         }
     }
     /// Nobody else writes to a taken slot.
-    ~ReadSection() { WriteRelease(sequence_, Next(taken_)); }
+    ~ReadSection() {
+        WriteRelease(sequence_, Next(taken_));
+        KeLeaveCriticalRegion();
+    }
     ReadSection(const ReadSection&) = delete;
     ReadSection& operator=(const ReadSection&) = delete;
 

@@ -102,7 +102,9 @@ extern "C" {
 /// is registered already, STATUS_INVALID_PARAMETER when the options are not ZPK_TRACK_UNTIL_EXIT.
 NTSTATUS NTAPI ZPkPsRegister(const GUID* client, const ProcessTrackingConfig* config,
                              ZPK_PROCESS_TRACKING** tracking);
-/// Ends the registration and passes every block that the library still holds to ContextCleanup.
+/// Ends the registration and passes every block that the library still holds to ContextCleanup;
+/// returns when the last of these calls has, also of those that the end of a process makes. Not
+/// inside ContextCleanup.
 NTSTATUS NTAPI ZPkPsUnregister(ZPK_PROCESS_TRACKING* tracking);
 /// Returns the record with a reference (ZPkPsRelease) and, when `context` is not null, this
 /// registration's block of the process with a reference (ZPkPsReleaseContext), or null. On failure

@@ -2,6 +2,7 @@
 #include "tracking_handle.h"
 
 #include <barrier>
+#include <latch>
 #include <set>
 #include <thread>
 
@@ -140,6 +141,36 @@ TEST_F(ProcessTest, AContextIsCleanedUpOnceWhenNobodyNeedsIt) {
     EXPECT_EQ(TrackingHandle::cleanedSum.load(), 7u) << "with the registration";
     EXPECT_EQ(TrackingHandle::cleanedCount.load(), 3);
     EXPECT_EQ(platform::QueryPoolUsage(kTestContextTag).blocks, 0u);
+}
+
+/// The client may be gone as soon as its registration has ended.
+TEST_F(ProcessTest, ARegistrationEndsBehindTheCleanUpsOfAProcessThatEnds) {
+    TrackingHandle tracking;
+    const auto process = Start();
+    std::uint64_t* block = tracking.NewBlock(1);
+    PVOID existing = nullptr;
+    ASSERT_EQ(ZPkPsSetContext(IdOf(*process), 1, block, &existing), STATUS_SUCCESS);
+    ZPkPsReleaseContext(block);
+    std::latch inCleanup(1);
+    std::latch goOn(1);
+    TrackingHandle::atCleanup = [&] {
+        inCleanup.count_down();
+        goOn.wait();
+    };
+    std::thread ending([&] { machine->ExitProcess(*process); });
+    inCleanup.wait();
+    std::atomic<bool> hasEnded{false};
+    std::thread unregistering([&] {
+        tracking.End();
+        hasEnded = true;
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_FALSE(hasEnded);
+    goOn.count_down();
+    unregistering.join();
+    EXPECT_EQ(TrackingHandle::cleanedCount.load(), 1);
+    ending.join();
+    TrackingHandle::atCleanup = nullptr;
 }
 
 TEST_F(ProcessTest, AClientRegistersOnce) {

@@ -4,6 +4,7 @@
 #include "library_test.h"
 
 #include <atomic>
+#include <functional>
 
 inline constexpr char16_t kShellImage[] = u"\\Device\\Disk1\\Windows\\System32\\shell.exe";
 
@@ -43,6 +44,8 @@ public:
     /// Sum of the numbers of the blocks that were passed to clean-up, and how many they were.
     static inline std::atomic<std::uint64_t> cleanedSum{0};
     static inline std::atomic<int> cleanedCount{0};
+    /// Called by each clean-up, unless it is empty.
+    static inline std::function<void()> atCleanup;
     static void ForgetCleaned() {
         cleanedSum = 0;
         cleanedCount = 0;
@@ -51,6 +54,7 @@ public:
 private:
     static void NTAPI Cleanup(PVOID block) {
         EXPECT_EQ(KeGetCurrentIrql(), PASSIVE_LEVEL);
+        if (atCleanup) atCleanup();
         cleanedSum += *static_cast<std::uint64_t*>(block);
         cleanedCount += 1;
     }
