@@ -83,18 +83,6 @@ Ending BeginFinish(EventBuffer& buffer) {
     return buffer.request == nullptr ? Ending::kHandOver : Ending::kDeliver;
 }
 
-/// After an attempt to deliver: unlinks the buffer, unless its request is being cancelled and the
-/// cancel callback has yet to come. False: it stays for the callback.
-bool EndDelivery(EventBuffer& buffer, bool delivered) {
-    const QueuedSpinLockGuard guard(Pool.lock);
-    if (!delivered && buffer.live) {
-        buffer.orphaned = true;
-        return false;
-    }
-    RemoveEntryList(&buffer.links);
-    return true;
-}
-
 void FinishWithdrawn(EventBuffer* buffer) {
     if (buffer->reservationCount != 0) {
         MemDumpBuffer(*buffer);
@@ -134,30 +122,47 @@ WDFREQUEST TakeRequest(WDFREQUEST wanted) {
         WDFREQUEST request = nullptr;
         status = WdfIoQueueRetrieveFoundRequest(State.BufferQueue, found, &request);
         WdfObjectDereference(found);
-        return NT_SUCCESS(status) ? request : nullptr;
+        if (!NT_SUCCESS(status)) {
+            ZPRF_TRACE(TRACE_BUFFER, TRACE_LEVEL_WARNING, "request %p cannot be taken, status %x",
+                       wanted, status);
+            return nullptr;
+        }
+        return request;
     }
 }
 
-bool Deliver(const EventBuffer& buffer) {
-    const WDFREQUEST request = TakeRequest(buffer.request);
-    if (request == nullptr) {
-        return false;
-    }
+void Unlink(EventBuffer& buffer) {
+    const QueuedSpinLockGuard guard(Pool.lock);
+    RemoveEntryList(&buffer.links);
+}
+
+/// The request is ours alone: it has left the queue, so that no cancellation can come.
+void Deliver(EventBuffer* buffer, WDFREQUEST request) {
+    const ULONG reservations = buffer->reservationCount;
     ZPRF_TRACE(TRACE_BUFFER, TRACE_LEVEL_INFORMATION, "buffer %p delivered, %u reservations",
-               &buffer, buffer.reservationCount);
-    WdfRequestSetInformation(request, buffer.reservationCount);
+               buffer, reservations);
+    Unlink(*buffer);
+    FreeDescriptor(buffer);
+    WdfRequestSetInformation(request, reservations);
     WdfRequestComplete(request, STATUS_SUCCESS);
-    return true;
+}
+
+/// Unless the cancel callback has been there, the buffer is left to it.
+bool LeaveToCancellation(EventBuffer& buffer) {
+    const QueuedSpinLockGuard guard(Pool.lock);
+    if (buffer.live) {
+        buffer.orphaned = true;
+        return true;
+    }
+    RemoveEntryList(&buffer.links);
+    return false;
 }
 
 void FinishDelivery(EventBuffer* buffer) {
-    const bool delivered = Deliver(*buffer);
-    if (!EndDelivery(*buffer, delivered)) {
-        return;
-    }
-    if (delivered) {
-        FreeDescriptor(buffer);
-    } else {
+    const WDFREQUEST request = TakeRequest(buffer->request);
+    if (request != nullptr) {
+        Deliver(buffer, request);
+    } else if (!LeaveToCancellation(*buffer)) {
         FinishWithdrawn(buffer);
     }
 }
@@ -169,7 +174,7 @@ void MemFinish(EventBuffer* buffer) {
         case Ending::kDeferred:
             return;
         case Ending::kHandOver:
-            MemRecycle(buffer, true);
+            MemRecycle(buffer);
             return;
         case Ending::kWithdrawn:
             FinishWithdrawn(buffer);
@@ -188,6 +193,8 @@ void MemCancelBuffer(WDFREQUEST request, NTSTATUS status) {
         const QueuedSpinLockGuard guard(Pool.lock);
         withdrawal = Withdraw(request, status, buffer);
     }
+    ZPRF_TRACE(TRACE_BUFFER, TRACE_LEVEL_INFORMATION, "request %p withdrawn, status %x", request,
+               status);
     switch (withdrawal) {
         case Withdrawal::kUnknown:
             ZPRF_TRACE(TRACE_BUFFER, TRACE_LEVEL_WARNING, "no buffer of request %p", request);

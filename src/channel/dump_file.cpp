@@ -101,18 +101,34 @@ void MoveToDumpList(LIST_ENTRY& list) {
     }
 }
 
-/// Takes every buffer out of the three lists, so that none is reserved in or sealed while its image
-/// is written, and has last releases wait. False when another dump has done that.
-bool DetachLists() {
+/// Has last releases wait from now on. False when another dump is at work.
+bool BeginDump() {
     const QueuedSpinLockGuard guard(Pool.lock);
     if (Pool.dumping) {
         return false;
     }
     Pool.dumping = true;
+    return true;
+}
+
+bool IsHandingOver() {
+    const QueuedSpinLockGuard guard(Pool.lock);
+    for (PLIST_ENTRY entry = Pool.FinishingList.Flink; entry != &Pool.FinishingList;
+         entry = entry->Flink) {
+        if (CONTAINING_RECORD(entry, EventBuffer, links)->request == nullptr) {
+            return true;
+        }
+    }
+    return false;
+}
+
+/// Takes every buffer out of the three lists, so that none is reserved in or sealed while its image
+/// is written.
+void DetachLists() {
+    const QueuedSpinLockGuard guard(Pool.lock);
     MoveToDumpList(Pool.PendingList);
     MoveToDumpList(Pool.SealedList);
     MoveToDumpList(Pool.ActiveList);
-    return true;
 }
 
 /// Gives the lists their buffers back, in the order they were in and ahead of buffers that have
@@ -143,22 +159,26 @@ Writers LookForWriters(const EventBuffer& buffer) {
     return ReadAcquire(&buffer.refCount) <= baseReferences ? Writers::kNone : Writers::kAtWork;
 }
 
-/// Waits until nobody writes to a detached buffer, so that its image holds whole records. New
-/// writers cannot come, and those at work wait for nothing that a dump holds; a writer that still
-/// does not end (its thread was stopped for good) must not keep the system from shutting down.
-/// False: the buffer's request was withdrawn meanwhile; its image is written when it is finished.
-bool AwaitWriters(const EventBuffer& buffer) {
+/// Waits for what other threads are about to be done with: they wait for nothing that a dump holds.
+/// One that does not end all the same (it was stopped for good) must not keep the system from
+/// shutting down.
+template <typename IsDone>
+void AwaitOthers(IsDone isDone) {
     constexpr int kPatience = 1000;
     LARGE_INTEGER millisecond;
     millisecond.QuadPart = -10'000;
-    for (int i = 0; i < kPatience; ++i) {
-        const Writers writers = LookForWriters(buffer);
-        if (writers != Writers::kAtWork) {
-            return writers == Writers::kNone;
-        }
+    for (int i = 0; i < kPatience && !isDone(); ++i) {
         KeDelayExecutionThread(KernelMode, FALSE, &millisecond);
     }
-    return true;
+}
+
+/// Waits until nobody writes to a detached buffer, so that its image holds whole records; new
+/// writers cannot come. False: the buffer's request was withdrawn meanwhile; its image is written
+/// when it is finished.
+bool AwaitWriters(const EventBuffer& buffer) {
+    Writers writers = Writers::kAtWork;
+    AwaitOthers([&] { return (writers = LookForWriters(buffer)) != Writers::kAtWork; });
+    return writers != Writers::kWithdrawn;
 }
 
 void WriteDetachedBuffers() {
@@ -172,11 +192,16 @@ void WriteDetachedBuffers() {
     }
 }
 
+NTSTATUS RefuseSecondDumpFile() {
+    ZPRF_TRACE(TRACE_BUFFER, TRACE_LEVEL_WARNING, "second dump file refused");
+    return STATUS_OBJECT_NAME_COLLISION;
+}
+
 }  // namespace
 
 NTSTATUS MemSetDumpFile(HANDLE handle) {
     if (ReadPointerAcquire(&Pool.dumpFile) != nullptr) {
-        return STATUS_OBJECT_NAME_COLLISION;
+        return RefuseSecondDumpFile();
     }
     PVOID file = nullptr;
     NTSTATUS status = ObReferenceObjectByHandle(handle, FILE_WRITE_DATA, *IoFileObjectType,
@@ -190,12 +215,14 @@ NTSTATUS MemSetDumpFile(HANDLE handle) {
                                    *IoFileObjectType, KernelMode, &kernelHandle);
     ObfDereferenceObject(file);
     if (!NT_SUCCESS(status)) {
+        ZPRF_TRACE(TRACE_BUFFER, TRACE_LEVEL_WARNING, "dump file cannot be opened, status %x",
+                   status);
         return status;
     }
     // Two requests at once: the first file stays.
     if (InterlockedCompareExchangePointer(&Pool.dumpFile, kernelHandle, nullptr) != nullptr) {
         ZwClose(kernelHandle);
-        return STATUS_OBJECT_NAME_COLLISION;
+        return RefuseSecondDumpFile();
     }
     return status;
 }
@@ -214,9 +241,12 @@ NTSTATUS MemDumpBuffer(const EventBuffer& buffer) {
 
 void MemDump() {
     SetPhase(PoolPhase::kShutdown);
-    if (ReadPointerAcquire(&Pool.dumpFile) == nullptr || !DetachLists()) {
+    if (ReadPointerAcquire(&Pool.dumpFile) == nullptr || !BeginDump()) {
         return;
     }
+    // A boot buffer's records are then in a client buffer, or it is pending: nothing is left out.
+    AwaitOthers([] { return !IsHandingOver(); });
+    DetachLists();
     WriteDetachedBuffers();
     EventBuffer* deferred = ReattachLists();
     while (deferred != nullptr) {

@@ -44,15 +44,18 @@ void InitializeDescriptor(EventBuffer& buffer, WDFREQUEST request, UCHAR* base, 
 }
 
 /// The next client buffer to be used is the one lent last, so that an idle client's buffers are
-/// filled one at a time. Returns the boot buffer whose turn it is to be handed over.
+/// filled one at a time. Returns the boot buffer whose turn it is to be handed over, now in
+/// FinishingList, or null.
 EventBuffer* EnterClientBuffer(EventBuffer& buffer) {
     const QueuedSpinLockGuard guard(Pool.lock);
     PLIST_ENTRY position = IsListEmpty(&Pool.ActiveList) ? &Pool.ActiveList : Pool.ActiveList.Flink;
     InsertHeadList(position, &buffer.links);
-    if (IsListEmpty(&Pool.PendingList)) {
+    if (Pool.dumping || IsListEmpty(&Pool.PendingList)) {
         return nullptr;
     }
-    return CONTAINING_RECORD(RemoveHeadList(&Pool.PendingList), EventBuffer, links);
+    PLIST_ENTRY pending = RemoveHeadList(&Pool.PendingList);
+    InsertTailList(&Pool.FinishingList, pending);
+    return CONTAINING_RECORD(pending, EventBuffer, links);
 }
 
 void EnterBootBuffer(EventBuffer& buffer) {
@@ -175,6 +178,12 @@ void HandOver(EventBuffer& source, EventBuffer& target, UCHAR* copy, ULONG used)
     target.last = origin + last;
 }
 
+void MoveTo(LIST_ENTRY& list, EventBuffer& buffer) {
+    const QueuedSpinLockGuard guard(Pool.lock);
+    RemoveEntryList(&buffer.links);
+    InsertTailList(&list, &buffer.links);
+}
+
 void ReturnDescriptors(LIST_ENTRY& list) {
     while (!IsListEmpty(&list)) {
         FreeDescriptor(CONTAINING_RECORD(RemoveHeadList(&list), EventBuffer, links));
@@ -232,11 +241,14 @@ void MemUninitialize() {
 
 NTSTATUS MemAddBuffer(WDFREQUEST request, PVOID base, size_t length, EventBuffer** parking) {
     if (request == nullptr && base == nullptr) {
+        ZPRF_TRACE(TRACE_BUFFER, TRACE_LEVEL_WARNING, "buffer without memory refused");
         return STATUS_INVALID_PARAMETER;
     }
     if (request != nullptr) {
         NoteClientRequest();
         if (!LocateRequestBuffer(request, &base, &length)) {
+            ZPRF_TRACE(TRACE_BUFFER, TRACE_LEVEL_WARNING, "request %p without a buffer refused",
+                       request);
             return STATUS_INVALID_PARAMETER;
         }
     }
@@ -260,7 +272,7 @@ NTSTATUS MemAddBuffer(WDFREQUEST request, PVOID base, size_t length, EventBuffer
                buffer->sequence);
     EventBuffer* pending = EnterClientBuffer(*buffer);
     if (pending != nullptr) {
-        MemRecycle(pending, false);
+        MemRecycle(pending);
     }
     return STATUS_SUCCESS;
 }
@@ -322,7 +334,7 @@ void MemFlush() {
     }
 }
 
-void MemRecycle(EventBuffer* buffer, bool unlink) {
+void MemRecycle(EventBuffer* buffer) {
     ULONG used = UsedBytes(*buffer);
     if (used != 0) {
         EventBuffer* target = nullptr;
@@ -331,11 +343,7 @@ void MemRecycle(EventBuffer* buffer, bool unlink) {
             static_cast<UCHAR*>(MemReserve(&used, &target, &sequence, MEM_RESERVE_CLIENT_BUFFER));
         if (target == nullptr) {
             ZPRF_TRACE(TRACE_BUFFER, TRACE_LEVEL_INFORMATION, "boot buffer %p pending", buffer);
-            const QueuedSpinLockGuard guard(Pool.lock);
-            if (unlink) {
-                RemoveEntryList(&buffer->links);
-            }
-            InsertTailList(&Pool.PendingList, &buffer->links);
+            MoveTo(Pool.PendingList, *buffer);
             return;
         }
         HandOver(*buffer, *target, copy, used);
@@ -344,11 +352,7 @@ void MemRecycle(EventBuffer* buffer, bool unlink) {
     StartFilling(*buffer);
     ZPRF_TRACE(TRACE_BUFFER, TRACE_LEVEL_INFORMATION, "boot buffer %p reset, sequence %u", buffer,
                buffer->sequence);
-    const QueuedSpinLockGuard guard(Pool.lock);
-    if (unlink) {
-        RemoveEntryList(&buffer->links);
-    }
-    InsertTailList(&Pool.ActiveList, &buffer->links);
+    MoveTo(Pool.ActiveList, *buffer);
 }
 
 }  // namespace zpregflt

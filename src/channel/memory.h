@@ -22,6 +22,8 @@
 //  - When the last release finds that the request has left the queue, the cancel callback is on its
 //    way: the buffer stays in FinishingList with `orphaned` set, and the callback completes the
 //    request and frees the descriptor.
+//  - A delivered request is completed when its descriptor is out of every list: its handle may be
+//    another request's from then on.
 // Hence the invariant: a descriptor is freed exactly once, by the party that finds, under the pool
 // lock, that the other one has been there (or can no longer come), and the client's memory is not
 // touched after the request's completion.
@@ -40,8 +42,8 @@ struct ZPRF_REQUEST_CONTEXT {
 };
 WDF_DECLARE_CONTEXT_TYPE_WITH_NAME(ZPRF_REQUEST_CONTEXT, GetRequestContext)
 
-/// Descriptor of one buffer; from a nonpaged lookaside list. It is in exactly one list of the pool,
-/// except while it is moved between them.
+/// Descriptor of one buffer; from a nonpaged lookaside list. It is in exactly one list of the pool
+/// from its adding until its last release has finished it.
 struct EventBuffer {
     LIST_ENTRY links;
     /// Tells a buffer's fillings apart: drawn when it is added and when a boot buffer is reset.
@@ -95,8 +97,8 @@ struct BufferPool {
 
     /// Buffers whose last release is at work: no reference left, being delivered or handed over.
     LIST_ENTRY FinishingList;
-    /// While a dump of the whole pool writes: the buffers of the three lists, and the last releases
-    /// that wait for its end.
+    /// During a dump of the whole pool: the buffers of the three lists, and the last releases that
+    /// wait for its end. No hand-over begins then.
     bool dumping;
     LIST_ENTRY DumpList;
     EventBuffer* deferredReleases;

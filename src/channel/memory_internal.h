@@ -18,9 +18,9 @@ inline void SetPhase(PoolPhase phase) {
     WriteNoFence(&Pool.phase, static_cast<LONG>(phase));
 }
 
-/// Hands the contents of a boot buffer that nobody refers to over to a client buffer and puts it
-/// back to work, or parks it. `unlink`: it is in a list.
-void MemRecycle(EventBuffer* buffer, bool unlink);
+/// Hands the contents of a boot buffer in FinishingList over to a client buffer and puts it back to
+/// work, or parks it.
+void MemRecycle(EventBuffer* buffer);
 
 /// What the last release does.
 void MemFinish(EventBuffer* buffer);

@@ -23,29 +23,26 @@ struct KeyEntry {
     /// lie at one address. 0: none could be drawn.
     ULONG Identity;
 
-    /// The path, if it lies in the buffer with this sequence, on which the caller holds a
-    /// reservation; else null. With or without the lock: most records find their key's path
-    /// already written, and need not wait for each other to see that.
-    const WCHAR* NameIn(ULONG sequence) const {
-        // A name is replaced by null, then the new sequence, then the new name, and a sequence that
-        // has been left never comes back: a sealed buffer takes no more paths. So a name that is
-        // read while the sequence stays the same belongs to that sequence.
-        const void* const name = IsNameOf(sequence) ? ReadPointerAcquire(&CachedName) : nullptr;
-        return IsNameOf(sequence) ? static_cast<const WCHAR*>(name) : nullptr;
+    /// The path, if it lies in the buffer with this sequence, whose memory goes from `start` to
+    /// `end` and on which the caller holds a reservation; else null. With or without the lock: most
+    /// records find their key's path already written, and need not wait for each other to see that.
+    const WCHAR* NameIn(ULONG sequence, const void* start, const void* end) const {
+        if (static_cast<ULONG>(ReadAcquire(&CachedNameSequence)) != sequence) {
+            return nullptr;
+        }
+        // A name is stored before its sequence: this one was stored with that sequence or later.
+        // While the reservation is held, the memory belongs to no other sequence, so that a later
+        // name which lies in it is this buffer's too.
+        const void* const name = ReadPointerNoFence(&CachedName);
+        return name >= start && name < end ? static_cast<const WCHAR*>(name) : nullptr;
     }
     /// EntryLock is held.
     void SetName(PVOID name, ULONG sequence) {
-        ForgetName();
-        WriteRelease(&CachedNameSequence, static_cast<LONG>(sequence));
         WritePointerRelease(&CachedName, name);
+        WriteRelease(&CachedNameSequence, static_cast<LONG>(sequence));
     }
     /// EntryLock is held.
     void ForgetName() { WritePointerRelease(&CachedName, nullptr); }
-
-private:
-    bool IsNameOf(ULONG sequence) const {
-        return static_cast<ULONG>(ReadAcquire(&CachedNameSequence)) == sequence;
-    }
 };
 static_assert(sizeof(KeyEntry) == 72);
 

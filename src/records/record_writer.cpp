@@ -61,7 +61,7 @@ bool RecordReservation::ReserveAndName(ULONG size, const KeyObjectContext& conte
     }
     header_->NameOffset = 0;
     if (KeyEntry* entry = context.Entry(); entry != nullptr) {
-        if (const WCHAR* path = entry->NameIn(sequence_); path != nullptr) {
+        if (const WCHAR* path = PathHere(*entry); path != nullptr) {
             SetName(path);
             return true;
         }
@@ -70,11 +70,16 @@ bool RecordReservation::ReserveAndName(ULONG size, const KeyObjectContext& conte
     return capturedPath == nullptr || WriteCapturedPath(*capturedPath);
 }
 
+/// The key's path, if it has been written into the record's buffer.
+const WCHAR* RecordReservation::PathHere(const KeyEntry& entry) const {
+    return entry.NameIn(sequence_, buffer_->base, buffer_->base + buffer_->capacity);
+}
+
 /// The lock is held to the end, so that two records about one key in one buffer never both write
 /// its path.
 bool RecordReservation::WriteEntryPathOnce(KeyEntry& entry, ZPK_NODE* node) {
     const GuardedMutexGuard guard(entry.EntryLock);
-    if (const WCHAR* path = entry.NameIn(sequence_); path != nullptr) {
+    if (const WCHAR* path = PathHere(entry); path != nullptr) {
         SetName(path);
         return true;
     }

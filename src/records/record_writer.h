@@ -39,6 +39,7 @@ protected:
 private:
     bool ReserveAndName(ULONG size, const KeyObjectContext& context,
                         const UNICODE_STRING* capturedPath);
+    const WCHAR* PathHere(const KeyEntry& entry) const;
     bool WriteEntryPathOnce(KeyEntry& entry, ZPK_NODE* node);
     bool WriteEntryPath(KeyEntry& entry, ZPK_NODE* node, ULONG pathBytes);
     bool WriteCapturedPath(const UNICODE_STRING& path);

@@ -326,6 +326,24 @@ TEST_F(EventPoolTest, BufferLentLastIsUsedNextAndTheFirstRequestsTimeKept) {
     EXPECT_EQ(Pool.firstRequestTime, 1000);
 }
 
+TEST(KeyEntry, ANameIsFoundFromItsOwnFillingOnly) {
+    WCHAR buffer[8] = {};
+    WCHAR other[8] = {};
+    zpregflt::KeyEntry entry = {};
+    entry.SetName(&buffer[4], 7);
+    EXPECT_EQ(entry.NameIn(7, buffer, buffer + 8), &buffer[4]);
+    EXPECT_EQ(entry.NameIn(6, buffer, buffer + 8), nullptr) << "an earlier filling";
+    // Between the two stores of a change that another thread makes, and after it.
+    entry.CachedName = &other[4];
+    EXPECT_EQ(entry.NameIn(7, buffer, buffer + 8), nullptr);
+    entry.SetName(&other[4], 9);
+    EXPECT_EQ(entry.NameIn(7, buffer, buffer + 8), nullptr);
+    entry.SetName(&buffer[2], 7);
+    EXPECT_EQ(entry.NameIn(7, buffer, buffer + 8), &buffer[2]) << "the same filling again";
+    entry.ForgetName();
+    EXPECT_EQ(entry.NameIn(7, buffer, buffer + 8), nullptr);
+}
+
 }  // namespace
 
 }  // namespace driver_test
