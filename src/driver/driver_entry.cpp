@@ -157,7 +157,7 @@ NTSTATUS NTAPI DriverEntry(PDRIVER_OBJECT driverObject, PUNICODE_STRING registry
     WDFDRIVER driver = nullptr;
     const NTSTATUS status = StartLibrary(driverObject, registryPath, &driver);
     if (!NT_SUCCESS(status)) {
-        ReleaseLibrary();
+        UndoLibrary();
         return status;
     }
     return StartDriver(driver, registryPath);

@@ -37,22 +37,46 @@ void ReleaseConfiguration() {
     }
 }
 
-}  // namespace
-
-void ReleaseLibrary() {
+void UnregisterProcessTracking() {
     if (Completed(INIT_PROCESS_TRACKING)) {
         ZPkPsUnregister(State.ProcessTracking);
         State.ProcessTracking = nullptr;
     }
+}
+
+void UnregisterExemptions() {
     if (Completed(INIT_EXEMPTIONS)) {
         ZPkPeExemptUnregister(State.Exemptions);
     }
+}
+
+void DestroyKeyTree() {
     if (Completed(INIT_KEY_TREE)) {
         ZPkDtDestroy(State.KeyTree);
     }
+}
+
+void DeleteCallContexts() {
     if (Completed(INIT_CALL_CONTEXT_LOOKASIDE)) {
         ExDeletePagedLookasideList(&State.CallContextLookaside);
     }
+}
+
+/// Nothing of the driver uses them any more: they go in the order in which they came.
+void ReleaseLibrary() {
+    UnregisterProcessTracking();
+    UnregisterExemptions();
+    DestroyKeyTree();
+    DeleteCallContexts();
+}
+
+}  // namespace
+
+void UndoLibrary() {
+    DeleteCallContexts();
+    DestroyKeyTree();
+    UnregisterExemptions();
+    UnregisterProcessTracking();
 }
 
 void NTAPI DriverContextCleanup(WDFOBJECT driver) {

@@ -1,4 +1,4 @@
-// Undoing start-up: exactly the steps that completed, in reverse order.
+// Undoing start-up: exactly the steps that completed.
 #pragma once
 
 #include <wdf.h>
@@ -9,7 +9,8 @@ namespace zpregflt {
 /// start-up fails after the driver object was created. PASSIVE_LEVEL.
 void NTAPI DriverContextCleanup(WDFOBJECT driver);
 
-/// Ends the support library's registrations that were made and deletes the call-context list.
-void ReleaseLibrary();
+/// The undoing of a start-up that failed before there was a driver object: deletes the call-context
+/// list and ends the support library's registrations, in reverse order. PASSIVE_LEVEL.
+void UndoLibrary();
 
 }  // namespace zpregflt
