@@ -62,30 +62,34 @@ NTSTATUS PrepareControlRequest(WDFREQUEST request, ULONG controlCode) {
     return LockOutputBuffer(request);
 }
 
+/// Comes before the completion: after it the request is no longer the driver's.
+void TraceOutcome(WDFREQUEST request, ULONG controlCode, NTSTATUS status) {
+    ZPRF_TRACE(TRACE_CONTROL, TRACE_LEVEL_VERBOSE, "request %p code %x, status %x", request,
+               controlCode, status);
+}
+
 /// Lends the buffer to the pool and parks the request. The reference taken with the buffer keeps it
 /// from being filled and delivered before its request is in the queue.
-NTSTATUS ParkBufferRequest(WDFREQUEST request) {
+void ParkBufferRequest(WDFREQUEST request) {
     EventBuffer* buffer = nullptr;
     NTSTATUS status = MemAddBuffer(request, nullptr, 0, &buffer);
     if (!NT_SUCCESS(status)) {
+        TraceOutcome(request, IOCTL_ZPRF_GET_BUFFER, status);
         WdfRequestComplete(request, status);
-        return status;
+        return;
     }
     status = WdfRequestForwardToIoQueue(request, State.BufferQueue);
     if (!NT_SUCCESS(status)) {
+        TraceOutcome(request, IOCTL_ZPRF_GET_BUFFER, status);
         MemCancelBuffer(request, status);
     }
     MemRelease(buffer);
-    return status;
-}
-
-NTSTATUS RetrieveInput(WDFREQUEST request, size_t minimum, PVOID* input, size_t* length) {
-    return WdfRequestRetrieveInputBuffer(request, minimum, input, length);
 }
 
 NTSTATUS RetrieveNumber(WDFREQUEST request, ULONG* number) {
     PVOID input = nullptr;
-    const NTSTATUS status = RetrieveInput(request, sizeof(*number), &input, nullptr);
+    const NTSTATUS status =
+        WdfRequestRetrieveInputBuffer(request, sizeof(*number), &input, nullptr);
     if (NT_SUCCESS(status)) {
         RtlCopyMemory(number, input, sizeof(*number));
     }
@@ -95,7 +99,8 @@ NTSTATUS RetrieveNumber(WDFREQUEST request, ULONG* number) {
 NTSTATUS ChangeExemptions(WDFREQUEST request, bool remove) {
     PVOID input = nullptr;
     size_t length = 0;
-    const NTSTATUS status = RetrieveInput(request, sizeof(ExemptionRequest), &input, &length);
+    const NTSTATUS status =
+        WdfRequestRetrieveInputBuffer(request, sizeof(ExemptionRequest), &input, &length);
     return NT_SUCCESS(status) ? UpdateExemptions(input, length, remove) : status;
 }
 
@@ -194,13 +199,13 @@ void NTAPI IoInCallerContext(WDFDEVICE device, WDFREQUEST request) {
 }
 
 void NTAPI IoDeviceControl(WDFQUEUE, WDFREQUEST request, size_t, size_t, ULONG controlCode) {
-    const bool park = controlCode == IOCTL_ZPRF_GET_BUFFER;
-    const NTSTATUS status = park ? ParkBufferRequest(request) : CarryOut(request, controlCode);
-    ZPRF_TRACE(TRACE_CONTROL, TRACE_LEVEL_VERBOSE, "request %p code %x, status %x", request,
-               controlCode, status);
-    if (!park) {
-        WdfRequestComplete(request, status);
+    if (controlCode == IOCTL_ZPRF_GET_BUFFER) {
+        ParkBufferRequest(request);
+        return;
     }
+    const NTSTATUS status = CarryOut(request, controlCode);
+    TraceOutcome(request, controlCode, status);
+    WdfRequestComplete(request, status);
 }
 
 void NTAPI IoCanceledOnBufferQueue(WDFQUEUE, WDFREQUEST request) {

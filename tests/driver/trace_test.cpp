@@ -55,12 +55,16 @@ protected:
         TheClient().Control(0x22F0FC);
     }
 
+    /// Called as each event is written, on the thread that writes it.
+    std::function<void()> onEvent_;
+
 private:
     std::mutex lock_;
     std::vector<TraceEvent> events_;
     platform::TraceController controller_{kTraceProviderId, [this](const TraceEvent& event) {
                                               const std::scoped_lock guard(lock_);
                                               events_.push_back(event);
+                                              if (onEvent_) onEvent_();
                                           }};
 };
 
@@ -196,6 +200,40 @@ TEST_F(TraceTest, ArgumentsOfTheGates) {
     EXPECT_EQ(missing.Number(2), reinterpret_cast<std::uintptr_t>(&post));
     EXPECT_EQ(missing.Number(3), RegNtPostFlushKey);
     EXPECT_EQ(missing.NarrowText(4), "RegNtPostFlushKey");
+}
+
+/// A buffer request that is turned away is still out when its outcome is traced; one that is parked
+/// has no outcome yet.
+TEST_F(TraceTest, OutcomeComesBeforeCompletion) {
+    Start();
+    Enable(TRACE_LEVEL_VERBOSE, TRACE_CONTROL);
+    const struct {
+        const char* failing;
+        std::size_t size;
+        NTSTATUS status;
+    } cases[] = {
+        {"WdfRequestForwardToIoQueue", kMinimumBufferSize, STATUS_DEVICE_BUSY},
+        {"", kMinimumBufferSize - 1, STATUS_INVALID_PARAMETER},
+        {"", kMinimumBufferSize, STATUS_PENDING},
+    };
+    for (const auto& c : cases) {
+        Loan loan(TheClient(), c.size);
+        bool wasOut = false;
+        onEvent_ = [&] { wasOut = loan.IsOut(); };
+        {
+            const FaultPlan plan({.routine = c.failing, .status = c.status});
+            EXPECT_EQ(loan.Send(), c.status);
+        }
+        onEvent_ = {};
+        if (c.status == STATUS_PENDING) {
+            EXPECT_TRUE(Take().empty());
+            continue;
+        }
+        const TraceEvent outcome = TakeOne("status", TRACE_CONTROL, TRACE_LEVEL_VERBOSE);
+        EXPECT_TRUE(wasOut) << c.failing;
+        EXPECT_EQ(outcome.Number(2), IOCTL_ZPRF_GET_BUFFER);
+        EXPECT_EQ(outcome.Number(3), static_cast<ULONG>(c.status));
+    }
 }
 
 TEST_F(TraceTest, OperationsCarryThePath) {
