@@ -123,8 +123,8 @@ NTSTATUS SetNumber(WDFREQUEST request, const char* name, volatile ULONG* setting
     ULONG number = 0;
     const NTSTATUS status = RetrieveNumber(request, &number);
     if (NT_SUCCESS(status)) {
-        ZPRF_TRACE(TRACE_CONTROL, TRACE_LEVEL_INFORMATION, "%s: %x, was %x", name, number,
-                   ReadULongNoFence(setting));
+        ZPRF_TRACE(TRACE_CONTROL, TRACE_LEVEL_INFORMATION, "%s: from %x to %x", name,
+                   ReadULongNoFence(setting), number);
         WriteULongNoFence(setting, number);
     }
     return status;
@@ -136,8 +136,8 @@ NTSTATUS SetReportOriginal(WDFREQUEST request) {
     const NTSTATUS status = RetrieveNumber(request, &number);
     if (NT_SUCCESS(status)) {
         auto* const flag = reinterpret_cast<volatile UCHAR*>(&State.ReportOriginal);
-        ZPRF_TRACE(TRACE_CONTROL, TRACE_LEVEL_INFORMATION, "report original data: %s, was %s",
-                   number != 0 ? "Yes" : "No", ReadUCharNoFence(flag) != 0 ? "Yes" : "No");
+        ZPRF_TRACE(TRACE_CONTROL, TRACE_LEVEL_INFORMATION, "report original data: from %s to %s",
+                   ReadUCharNoFence(flag) != 0 ? "Yes" : "No", number != 0 ? "Yes" : "No");
         WriteUCharNoFence(flag, number != 0 ? 1 : 0);
     }
     return status;

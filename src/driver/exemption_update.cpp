@@ -8,7 +8,7 @@ namespace zpregflt {
 
 namespace {
 
-constexpr SIZE_T kIdentifierSize = 16;
+constexpr ULONG kIdentifierSize = 16;
 /// Counted strings have 16-bit lengths in bytes.
 constexpr SIZE_T kLongestString = 0xFFFF;
 
@@ -119,9 +119,10 @@ NTSTATUS ApplyEntry(const EntryView& view, bool remove) {
     if (!NT_SUCCESS(status)) {
         return status;
     }
-    ZPRF_TRACE(TRACE_CONTROL, TRACE_LEVEL_INFORMATION, "exemption %Z %Z %p %Z %s",
-               items.entry.NarrowName, items.entry.WideName1, items.entry.Identifier,
-               items.entry.WideName2, remove ? "removed" : "added");
+    ZPRF_TRACE(TRACE_CONTROL, TRACE_LEVEL_INFORMATION, "exemption %s %Z %b %Z %s",
+               items.entry.NarrowName, items.entry.WideName1,
+               RawBytes{items.entry.Identifier, kIdentifierSize}, items.entry.WideName2,
+               remove ? "removed" : "added");
     InterlockedIncrement(&State.ExemptionGeneration);
     return STATUS_SUCCESS;
 }

@@ -75,6 +75,10 @@ EVENT_DATA_DESCRIPTOR Argument(const WCHAR* const& text) {
     return *text != 0 ? Block(text, TerminatedLength(text) * sizeof(WCHAR)) : Literal(L"<NULL>");
 }
 
+EVENT_DATA_DESCRIPTOR Argument(const RawBytes& bytes) {
+    return bytes.data != nullptr ? Block(bytes.data, bytes.size) : Argument("NULL");
+}
+
 void Write(ULONG flag, UCHAR level, EVENT_DATA_DESCRIPTOR* blocks, ULONG count) {
     EVENT_DESCRIPTOR descriptor = {};
     descriptor.Level = level;

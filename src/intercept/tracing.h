@@ -43,6 +43,12 @@ void StartTracing(TraceControlled* controlled);
 /// Unregisters the provider. PASSIVE_LEVEL.
 void StopTracing();
 
+/// An argument of raw bytes. Null data reads NULL, as absent text does.
+struct RawBytes {
+    const void* data;
+    ULONG size;
+};
+
 namespace trace_detail {
 
 /// What the controller enabled: flags in the low 24 bits, level above; 0 while disabled.
@@ -74,11 +80,12 @@ EVENT_DATA_DESCRIPTOR Argument(const UNICODE_STRING* const& text);
 EVENT_DATA_DESCRIPTOR Argument(const ANSI_STRING* const& text);
 EVENT_DATA_DESCRIPTOR Argument(const char* const& text);
 EVENT_DATA_DESCRIPTOR Argument(const WCHAR* const& text);
+EVENT_DATA_DESCRIPTOR Argument(const RawBytes& bytes);
 
 void Write(ULONG flag, UCHAR level, EVENT_DATA_DESCRIPTOR* blocks, ULONG count);
 
-/// Takes its arguments, which are numbers and addresses, by value: a reference would have whoever
-/// might trace a variable keep it in memory.
+/// Takes its arguments, which are small, by value: a reference would have whoever might trace a
+/// variable keep it in memory.
 template <typename... Arguments>
 [[gnu::noinline, gnu::cold]] void Emit(ULONG flag, UCHAR level, const char* message,
                                        Arguments... arguments) {

@@ -202,6 +202,32 @@ TEST_F(TraceTest, ArgumentsOfTheGates) {
     EXPECT_EQ(missing.NarrowText(4), "RegNtPostFlushKey");
 }
 
+TEST_F(TraceTest, ArgumentsOfRequests) {
+    Start();
+    Enable(TRACE_LEVEL_INFORMATION, TRACE_CONTROL);
+    TheClient().SetNumber(IOCTL_ZPRF_SET_LOGGED_OPERATIONS, 0x3F);
+    const TraceEvent number = TakeOne("", TRACE_CONTROL, TRACE_LEVEL_INFORMATION);
+    EXPECT_EQ(number.Number(2), 0x17u) << "the old value";
+    EXPECT_EQ(number.Number(3), 0x3Fu) << "the new value";
+    TheClient().SetNumber(IOCTL_ZPRF_SET_REPORT_ORIGINAL, 1);
+    const TraceEvent flag = TakeOne("", TRACE_CONTROL, TRACE_LEVEL_INFORMATION);
+    EXPECT_EQ(flag.NarrowText(1) + flag.NarrowText(2), "NoYes");
+    // A narrow name at 10 and, or not, an identifier at 12.
+    for (const bool identified : {false, true}) {
+        char input[] =
+            "\0\0\012\0\0\0\014\0\0\0x\0"
+            "0123456789ABCDEF";
+        if (!identified) input[6] = 0;
+        EXPECT_EQ(TheClient().Control(IOCTL_ZPRF_EXEMPT_ADD, input, sizeof(input)), STATUS_SUCCESS);
+        const TraceEvent exempted = TakeOne("", TRACE_CONTROL, TRACE_LEVEL_INFORMATION);
+        EXPECT_EQ(exempted.NarrowText(1), "x");
+        EXPECT_EQ(exempted.Text(2), u"NULL");
+        EXPECT_EQ(exempted.NarrowText(3), identified ? "0123456789ABCDEF" : "NULL");
+        EXPECT_EQ(exempted.Text(4), u"NULL");
+        EXPECT_EQ(exempted.NarrowText(5), "added");
+    }
+}
+
 /// A buffer request that is turned away is still out when its outcome is traced; one that is parked
 /// has no outcome yet.
 TEST_F(TraceTest, OutcomeComesBeforeCompletion) {
