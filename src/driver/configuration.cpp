@@ -12,18 +12,10 @@ struct ConfigRow {
     UNICODE_STRING subkey;
     UNICODE_STRING value;
     ULONG type;
-    PVOID target;  ///< field of State: a number of `targetSize` bytes, or a PUNICODE_STRING
-    SIZE_T targetSize;
-    ULONG64 defaultValue;  ///< of a number; a string's default is null
+    volatile void* target;  ///< field of State: a number or a PUNICODE_STRING
+    ULONG defaultValue;     ///< of a number; a string's default is null
     const char* description;
 };
-
-template <typename T>
-constexpr ConfigRow Number(UNICODE_STRING subkey, UNICODE_STRING value, T& target,
-                           ULONG64 defaultValue, const char* description) {
-    return {subkey,    value,        REG_DWORD,  const_cast<std::remove_cv_t<T>*>(&target),
-            sizeof(T), defaultValue, description};
-}
 
 constexpr UNICODE_STRING kTrace = LiteralString(L"Trace");
 constexpr UNICODE_STRING kReport = LiteralString(L"Report");
@@ -37,13 +29,13 @@ constexpr UNICODE_STRING kParameters = LiteralString(L"Parameters");
 // The first two rows read one value: the one whose type matches takes it.
 // clang-format off
 constinit const ConfigRow ConfigTable[] = {
-    Number(kTrace, kProcess, State.TraceProcessId, 0, "Trace is enabled for only process Id"),
-    {kTrace, kProcess, REG_SZ, &State.TraceProcessName, 0, 0, "Trace is enabled for only process"},
-    Number(kTrace, kOperations, State.TraceOperations, 0x17, "Trace is enabled for operations"),
-    Number(kReport, kOriginal, State.ReportOriginal, 0, "Reporting original value data"),
-    Number(kReport, kCaptureMaxSize, State.CaptureMaxSize, 0xFFFFFFFF, "Maximum value data capture size (in bytes)"),
-    Number(kReport, kOverride, State.Override, 0, "Override policy"),
-    Number(kReport, kOperations, State.ReportOperations, 0, "Additional logged operations"),
+    {kTrace, kProcess, REG_DWORD, &State.TraceProcessId, 0, "Trace is enabled for only process Id"},
+    {kTrace, kProcess, REG_SZ, &State.TraceProcessName, 0, "Trace is enabled for only process"},
+    {kTrace, kOperations, REG_DWORD, &State.TraceOperations, 0x17, "Trace is enabled for operations"},
+    {kReport, kOriginal, REG_DWORD, &State.ReportOriginal, 0, "Reporting original value data"},
+    {kReport, kCaptureMaxSize, REG_DWORD, &State.CaptureMaxSize, 0xFFFFFFFF, "Maximum value data capture size (in bytes)"},
+    {kReport, kOverride, REG_DWORD, &State.Override, 0, "Override policy"},
+    {kReport, kOperations, REG_DWORD, &State.ReportOperations, 0, "Additional logged operations"},
 };
 // clang-format on
 
@@ -96,23 +88,24 @@ ValueBlockRef QueryValue(HANDLE key, const UNICODE_STRING& name) {
     return block;
 }
 
+/// The upper half of a 64-bit target stays as it was cleared.
 void StoreNumber(const ConfigRow& row, ULONG number) {
-    if (row.targetSize == sizeof(ULONG64)) {
-        *static_cast<ULONG64*>(row.target) = number;
-    } else {
-        WriteULongNoFence(static_cast<ULONG*>(row.target), number);
-    }
+    WriteULongNoFence(static_cast<volatile ULONG*>(row.target), number);
+}
+
+PUNICODE_STRING volatile& StringTarget(const ConfigRow& row) {
+    return *static_cast<PUNICODE_STRING volatile*>(row.target);
 }
 
 void ApplyDefault(const ConfigRow& row) {
     if (row.type == REG_DWORD) {
-        StoreNumber(row, static_cast<ULONG>(row.defaultValue));
+        StoreNumber(row, row.defaultValue);
         return;
     }
-    auto* const target = static_cast<PUNICODE_STRING*>(row.target);
-    if (*target != nullptr) {
-        ExFreePoolWithTag(*target, kParameterTag);
-        *target = nullptr;
+    PUNICODE_STRING volatile& target = StringTarget(row);
+    if (target != nullptr) {
+        ExFreePoolWithTag(target, kParameterTag);
+        target = nullptr;
     }
 }
 
@@ -126,7 +119,7 @@ void TakeString(const ConfigRow& row, ValueBlockRef block) {
     const auto textLength = static_cast<USHORT>(length - sizeof(WCHAR));
     block->text = {textLength, textLength, reinterpret_cast<PWSTR>(block->value.Data)};
     ZPRF_TRACE(TRACE_DRIVER, TRACE_LEVEL_VERBOSE, "%s: %Z", row.description, &block->text);
-    *static_cast<PUNICODE_STRING*>(row.target) = &block.Detach()->text;
+    StringTarget(row) = &block.Detach()->text;
 }
 
 /// Data too short for a number is treated as a value of another type.

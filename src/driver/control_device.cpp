@@ -85,17 +85,19 @@ NTSTATUS RegisterCallback(WDFDRIVER driver) {
 
 NTSTATUS BringUp(WDFDRIVER driver, PWDFDEVICE_INIT* init) {
     NTSTATUS status = CreateDevice(init);
-    if (NT_SUCCESS(status)) {
-        status = CreateDefaultQueue();
+    if (!NT_SUCCESS(status)) {
+        return status;
     }
-    if (NT_SUCCESS(status)) {
-        status = CreateBufferQueue();
+    status = CreateDefaultQueue();
+    if (!NT_SUCCESS(status)) {
+        return status;
     }
-    if (NT_SUCCESS(status)) {
-        BuildPools();
-        status = RegisterCallback(driver);
+    status = CreateBufferQueue();
+    if (!NT_SUCCESS(status)) {
+        return status;
     }
-    return status;
+    BuildPools();
+    return RegisterCallback(driver);
 }
 
 }  // namespace

@@ -116,20 +116,22 @@ NTSTATUS CreateDriver(PDRIVER_OBJECT driverObject, PUNICODE_STRING registryPath,
 NTSTATUS StartLibrary(PDRIVER_OBJECT driverObject, PUNICODE_STRING registryPath,
                       WDFDRIVER* driver) {
     NTSTATUS status = RegisterProcessTracking();
-    if (NT_SUCCESS(status)) {
-        status = RegisterExemptions();
+    if (!NT_SUCCESS(status)) {
+        return status;
     }
-    if (NT_SUCCESS(status)) {
-        status = CreateKeyTree();
+    status = RegisterExemptions();
+    if (!NT_SUCCESS(status)) {
+        return status;
     }
-    if (NT_SUCCESS(status)) {
-        WriteULongNoFence(&State.LoggedOperations, operation::kDeleteKey | operation::kSetValueKey |
-                                                       operation::kDeleteValueKey |
-                                                       operation::kRenameKey);
-        CreateCallContexts();
-        status = CreateDriver(driverObject, registryPath, driver);
+    status = CreateKeyTree();
+    if (!NT_SUCCESS(status)) {
+        return status;
     }
-    return status;
+    WriteULongNoFence(&State.LoggedOperations, operation::kDeleteKey | operation::kSetValueKey |
+                                                   operation::kDeleteValueKey |
+                                                   operation::kRenameKey);
+    CreateCallContexts();
+    return CreateDriver(driverObject, registryPath, driver);
 }
 
 /// The steps from there on: the framework undoes them through DriverContextCleanup.
