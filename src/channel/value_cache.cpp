@@ -223,29 +223,20 @@ ULONG CountLinks(const LIST_ENTRY& list) {
     return count;
 }
 
-struct Occupancy {
-    ULONG usedBuckets = 0;
-    ULONG rings = 0;
-    ULONG usedEntries = 0;
-};
-
-Occupancy MeasureOccupancy(const ValueCache& cache) {
-    Occupancy occupancy;
-    for (const LIST_ENTRY& bucket : cache.Buckets) {
-        const ULONG rings = CountLinks(bucket);
-        occupancy.usedBuckets += rings != 0 ? 1 : 0;
-        occupancy.rings += rings;
-    }
-    occupancy.usedEntries = kCacheEntryCount - CountLinks(cache.FreeList);
-    return occupancy;
-}
-
 void TraceCache(const ValueCache& cache) {
-    const Occupancy occupancy = MeasureOccupancy(cache);
+    if (!TraceEnabled(TRACE_CAPTURE, TRACE_LEVEL_VERBOSE)) {
+        return;
+    }
+    ULONG buckets = 0;
+    ULONG keys = 0;
+    for (const LIST_ENTRY& bucket : cache.Buckets) {
+        buckets += IsListEmpty(&bucket) ? 0 : 1;
+        keys += CountLinks(bucket);
+    }
     ZPRF_TRACE(TRACE_CAPTURE, TRACE_LEVEL_VERBOSE,
                "cache %p: %u buckets, %u keys, %u entries; hits %llu, misses %llu, full %llu, "
                "evictions %llu",
-               &cache, occupancy.usedBuckets, occupancy.rings, occupancy.usedEntries, cache.Hits,
+               &cache, buckets, keys, kCacheEntryCount - CountLinks(cache.FreeList), cache.Hits,
                cache.Misses, cache.Full, cache.Evictions);
 }
 

@@ -1,6 +1,7 @@
 // The value cache against a plain list of what it must hold.
 #include "channel/value_cache.h"
 #include "driver/driver_fixture.h"
+#include "intercept/tracing.h"
 
 #include <algorithm>
 #include <list>
@@ -170,6 +171,22 @@ TEST_F(ValueCacheTest, HoldsWhatAPlainListWould) {
     EXPECT_EQ(most, kCacheEntryCount);
     EXPECT_GT(cache_->Full, 0u);
     EXPECT_GT(cache_->Evictions, 0u);
+}
+
+TEST_F(ValueCacheTest, TraceTellsHowFullItWas) {
+    const ThreadScope thread(Worker());
+    Insert(0, u"a");
+    Insert(0, u"b");
+    Insert(1, u"a");
+    std::optional<platform::TraceEvent> traced;
+    platform::TraceController controller(
+        kTraceProviderId, [&](const platform::TraceEvent& event) { traced = event; });
+    controller.Enable(TRACE_LEVEL_VERBOSE, TRACE_CAPTURE);
+    ValueCacheDestroy(std::exchange(cache_, ValueCacheCreate()));
+    ASSERT_TRUE(traced);
+    EXPECT_EQ(traced->Number(2), 1u) << "buckets";
+    EXPECT_EQ(traced->Number(3), 2u) << "keys";
+    EXPECT_EQ(traced->Number(4), 3u) << "entries";
 }
 
 }  // namespace
