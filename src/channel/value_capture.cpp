@@ -2,21 +2,22 @@
 
 #include "intercept/key_path.h"
 #include "intercept/tracing.h"
+#include "records/caller_name.h"
 
 namespace zpregflt {
 
 namespace {
 
-PreviousValue ReadValue(HANDLE key, PUNICODE_STRING valueName) {
+PreviousValue ReadValue(HANDLE key, UNICODE_STRING name) {
     ULONG size = 0;
-    if (ZwQueryValueKey(key, valueName, KeyValuePartialInformation, nullptr, 0, &size) !=
+    if (ZwQueryValueKey(key, &name, KeyValuePartialInformation, nullptr, 0, &size) !=
         STATUS_BUFFER_TOO_SMALL) {
         return {};
     }
     PreviousValue value(static_cast<PKEY_VALUE_PARTIAL_INFORMATION>(
         ExAllocatePoolWithTag(PagedPool, size, kPreviousValueTag)));
-    if (value && !NT_SUCCESS(ZwQueryValueKey(key, valueName, KeyValuePartialInformation,
-                                             value.Get(), size, &size))) {
+    if (value && !NT_SUCCESS(ZwQueryValueKey(key, &name, KeyValuePartialInformation, value.Get(),
+                                             size, &size))) {
         value.Reset();
     }
     return value;
@@ -29,7 +30,12 @@ ULONG CapturedSize(const DriverState& state, ULONG size) {
     return limit < size ? limit : size;
 }
 
-PreviousValue QueryCurrentValue(PVOID keyObject, PUNICODE_STRING valueName) {
+PreviousValue QueryCurrentValue(PVOID keyObject, PCUNICODE_STRING valueName) {
+    // The registry takes it for the kernel's own, and reads it without protection.
+    const CallerName readable(valueName);
+    if (!readable) {
+        return {};
+    }
     PoolBlock<OBJECT_NAME_INFORMATION, kKeyPathTag> name;
     NTSTATUS status = QueryObjectName(keyObject, 0, name);
     if (!NT_SUCCESS(status)) {
@@ -44,7 +50,7 @@ PreviousValue QueryCurrentValue(PVOID keyObject, PUNICODE_STRING valueName) {
     if (!NT_SUCCESS(status)) {
         return {};
     }
-    PreviousValue value = ReadValue(key, valueName);
+    PreviousValue value = ReadValue(key, readable.Text());
     ZwClose(key);
     return value;
 }

@@ -7,6 +7,8 @@
 #include "intercept/operation_trace.h"
 #include "intercept/tracing.h"
 #include "records/caller_memory.h"
+#include "records/caller_name.h"
+#include "records/post_operation.h"
 #include "records/record_size.h"
 #include "records/record_writer.h"
 
@@ -22,9 +24,19 @@ bool ReportsOriginal(const DriverState& state) {
     return ReadUCharNoFence(reinterpret_cast<const volatile UCHAR*>(&state.ReportOriginal)) != 0;
 }
 
-KeyObjectContext& ContextOf(PVOID objectContext) {
-    return *static_cast<KeyObjectContext*>(objectContext);
-}
+/// A set as its caller asked for it, with the descriptor of the value's name read once: ValueName
+/// is the copy, and empty when there is none to be had.
+struct NamedSet : SetInformation {
+    UNICODE_STRING name;
+    bool named;
+
+    explicit NamedSet(const SetInformation& request)
+        : SetInformation(request), named(ReadString(request.ValueName, name)) {
+        ValueName = &name;
+    }
+    NamedSet(const NamedSet&) = delete;
+    NamedSet& operator=(const NamedSet&) = delete;
+};
 
 void StoreCallContext(SetInformation& set, SetValueCallContext* block, ULONG_PTR flags) {
     set.CallContext = reinterpret_cast<PVOID>(reinterpret_cast<ULONG_PTR>(block) | flags);
@@ -43,7 +55,7 @@ SetValueCallContext* NewCallContext(DriverState& state, ValueCacheEntry* entry,
 void TraceUnchanged(const SetInformation& set) {
     ZPRF_TRACE_FILTERED(TRACE_OPERATION, TRACE_LEVEL_WARNING, operation::kSetValueKey,
                         "process %p, key %p: value %Z set to what it is", PsGetCurrentProcessId(),
-                        set.Object, static_cast<const UNICODE_STRING*>(set.ValueName));
+                        set.Object, &CallerName(set.ValueName).Text());
 }
 
 /// A value that was captured short counts as unchanged when a set of just the captured bytes comes.
@@ -118,21 +130,19 @@ ValueCache* EnsureCache(ProcessContext& process) {
 /// Where the parts of a value-set record lie.
 struct ValueSetLayout {
     ULONG captured;
-    ULONG nameLength;
     ULONG nameOffset;
     ULONG previousOffset;
     ULONG previousCaptured;
     ULONG64 size;
 };
 
-ValueSetLayout LayOut(const DriverState& state, const SetInformation& set,
+ValueSetLayout LayOut(const DriverState& state, const NamedSet& set,
                       const KEY_VALUE_PARTIAL_INFORMATION* previous) {
     ValueSetLayout layout = {};
     layout.captured = CapturedSize(state, set.DataSize);
-    layout.nameLength = set.ValueName->Length;
     const ULONG64 nameOffset = ULONG64{ValueSetRecord::kDataOffset} + layout.captured;
     layout.nameOffset = static_cast<ULONG>(nameOffset);
-    layout.size = nameOffset + layout.nameLength + kTerminator;
+    layout.size = nameOffset + set.name.Length + kTerminator;
     if (previous != nullptr) {
         const ULONG64 previousOffset = RoundUpToFour(layout.size);
         layout.previousOffset = static_cast<ULONG>(previousOffset);
@@ -142,12 +152,10 @@ ValueSetLayout LayOut(const DriverState& state, const SetInformation& set,
     return layout;
 }
 
-bool WriteValueSetRecord(const DriverState& state, const REG_POST_OPERATION_INFORMATION& post,
+bool WriteValueSetRecord(const DriverState& state, const PostOperation& post, const NamedSet& set,
                          const KEY_VALUE_PARTIAL_INFORMATION* previous) {
-    const auto& set = *static_cast<const SetInformation*>(post.PreInformation);
     const ValueSetLayout layout = LayOut(state, set, previous);
-    const RecordWriter<ValueSetRecord> record(RecordType::kValueSet, post.Object,
-                                              ContextOf(post.ObjectContext),
+    const RecordWriter<ValueSetRecord> record(RecordType::kValueSet, post.Object, ContextOf(post),
                                               operation::kSetValueKey, RecordSize(layout.size));
     if (!record) {
         return false;
@@ -158,8 +166,7 @@ bool WriteValueSetRecord(const DriverState& state, const REG_POST_OPERATION_INFO
     const bool readable =
         CopyFromCaller(record.At(ValueSetRecord::kDataOffset), set.Data, layout.captured);
     record->CapturedLength = readable ? layout.captured : 0;
-    CopyStringFromCaller(record.At(layout.nameOffset), set.ValueName,
-                         static_cast<USHORT>(layout.nameLength));
+    CopyStringFromCaller(record.At(layout.nameOffset), &set.name, set.name.Length);
     record->PreviousOffset = layout.previousOffset;
     if (previous != nullptr) {
         record->PreviousSize = previous->DataLength;
@@ -170,10 +177,10 @@ bool WriteValueSetRecord(const DriverState& state, const REG_POST_OPERATION_INFO
 }
 
 /// What a successful set leaves behind: the cache's knowledge and the record.
-bool AfterSuccess(DriverState& state, const REG_POST_OPERATION_INFORMATION& post,
-                  const SetValueCallContext* block, ULONG_PTR flags) {
-    const auto& set = *static_cast<const SetInformation*>(post.PreInformation);
-    KeyObjectContext& context = ContextOf(post.ObjectContext);
+bool AfterSuccess(DriverState& state, const PostOperation& post, const SetValueCallContext* block,
+                  ULONG_PTR flags) {
+    const NamedSet set(RequestOf<SetInformation>(post));
+    KeyObjectContext& context = ContextOf(post);
     if (block != nullptr && block->Entry != nullptr) {
         ValueCacheSetPending(&state, block->Entry, set);
     }
@@ -184,10 +191,12 @@ bool AfterSuccess(DriverState& state, const REG_POST_OPERATION_INFORMATION& post
                                 PsGetCurrentProcessId());
             return false;
         }
-        ValueCacheInsert(&state, &context, set, (flags & CALL_CONTEXT_RECORD) != 0);
+        if (set.named) {
+            ValueCacheInsert(&state, &context, set, (flags & CALL_CONTEXT_RECORD) != 0);
+        }
     }
     return (flags & CALL_CONTEXT_RECORD) != 0 &&
-           WriteValueSetRecord(state, post, block != nullptr ? block->Previous : nullptr);
+           WriteValueSetRecord(state, post, set, block != nullptr ? block->Previous : nullptr);
 }
 
 void GiveBack(DriverState& state, SetValueCallContext* block) {
@@ -202,31 +211,44 @@ void GiveBack(DriverState& state, SetValueCallContext* block) {
 }
 
 void TraceSet(const SetInformation& set) {
-    TraceOperation(set.Object, operation::kSetValueKey,
-                   "process %p, key %p %Z: SetValueKey %Z by %p on %p, type %u, %u bytes",
-                   static_cast<const UNICODE_STRING*>(set.ValueName), PsGetCurrentProcessId(),
-                   set.Object, set.Type, set.DataSize);
+    if (trace_detail::OperationTraced(operation::kSetValueKey)) [[unlikely]] {
+        const CallerName name(set.ValueName);
+        trace_detail::EmitOperation(
+            set.Object, "process %p, key %p %Z: SetValueKey %Z by %p on %p, type %u, %u bytes",
+            &name.Text(), PsGetCurrentProcessId(), set.Object, set.Type, set.DataSize);
+    }
+}
+
+void Judge(SetInformation& set, DriverState& state) {
+    const auto& context = *static_cast<const KeyObjectContext*>(set.ObjectContext);
+    ValueCache* const cache = context.ProcessContext->ValueCachePointer();
+    ValueCacheEntry* const entry =
+        cache != nullptr ? ValueCacheLookup(cache, CacheKeyOf(context), *set.ValueName) : nullptr;
+    if (entry == nullptr) {
+        JudgeByRegistry(set, state);
+    } else if (!JudgeCached(set, state, entry)) {
+        ValueCacheRelease(cache, entry, false);
+    }
 }
 
 }  // namespace
 
 bool NTAPI PreSetValue(PVOID notification, DriverState* state) {
-    auto& set = *static_cast<SetInformation*>(notification);
-    TraceSet(set);
-    const KeyObjectContext& context = ContextOf(set.ObjectContext);
-    ValueCache* const cache = context.ProcessContext->ValueCachePointer();
-    ValueCacheEntry* const entry =
-        cache != nullptr ? ValueCacheLookup(cache, CacheKeyOf(context), *set.ValueName) : nullptr;
-    if (entry == nullptr) {
-        JudgeByRegistry(set, *state);
-    } else if (!JudgeCached(set, *state, entry)) {
-        ValueCacheRelease(cache, entry, false);
+    auto& request = *static_cast<SetInformation*>(notification);
+    TraceSet(request);
+    NamedSet set(request);
+    if (set.named) {
+        Judge(set, *state);
+    } else {
+        // Nothing tells which value it is: an empty name would be that of the default value.
+        StoreCallContext(set, nullptr, CALL_CONTEXT_RECORD);
     }
+    request.CallContext = set.CallContext;
     return false;
 }
 
 bool NTAPI ValueSet(PVOID notification, DriverState* state) {
-    const auto& post = *static_cast<const REG_POST_OPERATION_INFORMATION*>(notification);
+    const auto& post = *static_cast<const PostOperation*>(notification);
     const auto callContext = reinterpret_cast<ULONG_PTR>(post.CallContext);
     if (callContext == 0) {
         return false;
@@ -243,15 +265,22 @@ bool NTAPI ValueSet(PVOID notification, DriverState* state) {
 
 namespace {
 
-bool WriteValueDeletedRecord(const REG_POST_OPERATION_INFORMATION& post, PCUNICODE_STRING name) {
-    const USHORT length = name->Length;
-    const RecordWriter<NameRecord> record(RecordType::kValueDeleted, post.Object,
-                                          ContextOf(post.ObjectContext), operation::kDeleteValueKey,
-                                          RecordSize(NameRecord::kNameOffset, length, kTerminator));
+void TraceValueDeletion(const PostOperation& post, PCUNICODE_STRING valueName) {
+    if (trace_detail::OperationTraced(operation::kDeleteValueKey)) [[unlikely]] {
+        const CallerName name(valueName);
+        trace_detail::EmitOperation(post.Object, "process %p, key %p %Z: DeleteValueKey %Z",
+                                    &name.Text());
+    }
+}
+
+bool WriteValueDeletedRecord(const PostOperation& post, const UNICODE_STRING& name) {
+    const RecordWriter<NameRecord> record(
+        RecordType::kValueDeleted, post.Object, ContextOf(post), operation::kDeleteValueKey,
+        RecordSize(NameRecord::kNameOffset, name.Length, kTerminator));
     if (!record) {
         return false;
     }
-    CopyStringFromCaller(record.At(NameRecord::kNameOffset), name, length);
+    CopyStringFromCaller(record.At(NameRecord::kNameOffset), &name, name.Length);
     return true;
 }
 
@@ -270,16 +299,17 @@ void ForgetValue(const KeyObjectContext& context, const UNICODE_STRING& name) {
 }  // namespace
 
 bool NTAPI ValueDeleted(PVOID notification, DriverState*) {
-    const auto& post = *static_cast<const REG_POST_OPERATION_INFORMATION*>(notification);
-    const auto& deletion =
-        *static_cast<const REG_DELETE_VALUE_KEY_INFORMATION*>(post.PreInformation);
-    TraceOperation(post.Object, operation::kDeleteValueKey,
-                   "process %p, key %p %Z: DeleteValueKey %Z",
-                   static_cast<const UNICODE_STRING*>(deletion.ValueName));
-    const KeyObjectContext& context = ContextOf(post.ObjectContext);
+    const auto& post = *static_cast<const PostOperation*>(notification);
+    const auto& deletion = RequestOf<REG_DELETE_VALUE_KEY_INFORMATION>(post);
+    TraceValueDeletion(post, deletion.ValueName);
+    UNICODE_STRING name;
+    const bool named = ReadString(deletion.ValueName, name);
+    const KeyObjectContext& context = ContextOf(post);
     const bool recorded = (context.ProcessContext->Operations & operation::kDeleteValueKey) != 0 &&
-                          WriteValueDeletedRecord(post, deletion.ValueName);
-    ForgetValue(context, *deletion.ValueName);
+                          WriteValueDeletedRecord(post, name);
+    if (named) {
+        ForgetValue(context, name);
+    }
     return recorded;
 }
 

@@ -7,12 +7,13 @@
 
 namespace zpregflt {
 
-/// The string copied once into pool under fault protection. Empty when it cannot be read or there
-/// is no memory. PASSIVE_LEVEL.
+/// The string copied once into pool under fault protection. Empty, and false, when it cannot be
+/// read or there is no memory. PASSIVE_LEVEL.
 class CallerName {
 public:
     explicit CallerName(PCUNICODE_STRING name);
 
+    explicit operator bool() const { return text_.Buffer != nullptr; }
     const UNICODE_STRING& Text() const { return text_; }
 
 private:

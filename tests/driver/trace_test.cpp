@@ -283,7 +283,8 @@ TEST_F(TraceTest, OperationsCarryThePath) {
     const KeyHandle second = platform::MakeKey(platform::kTestKey);
     Take();
     {
-        const FaultPlan plan({.routine = "ExAllocatePoolWithTag", .tag = MakeTag("ZRto")});
+        const FaultPlan plan(
+            {.routine = "ExAllocatePoolWithTag", .tag = MakeTag("ZRto"), .andAllAfter = true});
         platform::SetValue(second, u"Value", REG_BINARY, "1234");
     }
     const auto events = Take();

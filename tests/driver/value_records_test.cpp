@@ -1,6 +1,7 @@
 // Which sets and deletions of values are recorded, what the records hold, and what becomes of
 // caller memory that cannot be read.
 #include "driver/record_test.h"
+#include "intercept/tracing.h"
 #include "kernel/unreadable_memory.h"
 
 namespace driver_test {
@@ -181,26 +182,34 @@ class ValueNotifier : public Notifier {
 public:
     using Notifier::Notifier;
 
-    /// A whole operation that succeeds; between the notifications the caller's data go from
+    struct Setting {
+        PUNICODE_STRING name;
+        const void* data;
+    };
+    /// A whole operation that succeeds; between the notifications the caller's memory goes from
     /// `before` to `after`.
-    void Set(UNICODE_STRING name, const void* before, const void* after, ULONG size) {
+    void Set(Setting before, Setting after, std::size_t size) {
         REG_SET_VALUE_KEY_INFORMATION set = {};
-        set.ValueName = &name;
+        set.ValueName = before.name;
         set.Type = REG_BINARY;
-        set.Data = const_cast<void*>(before);
-        set.DataSize = size;
+        set.Data = const_cast<void*>(before.data);
+        set.DataSize = static_cast<ULONG>(size);
         Before(RegNtPreSetValueKey, set);
-        set.Data = const_cast<void*>(after);
+        set.ValueName = after.name;
+        set.Data = const_cast<void*>(after.data);
         After(RegNtPostSetValueKey, set);
     }
-    void Delete(UNICODE_STRING name) {
+    void Set(PUNICODE_STRING name, const std::string& data) {
+        Set({name, data.data()}, {name, data.data()}, data.size());
+    }
+    void Delete(PUNICODE_STRING name) {
         REG_DELETE_VALUE_KEY_INFORMATION deletion = {};
-        deletion.ValueName = &name;
+        deletion.ValueName = name;
         After(RegNtPostDeleteValueKey, deletion);
     }
-    void Rename(UNICODE_STRING name) {
+    void Rename(PUNICODE_STRING name) {
         REG_RENAME_KEY_INFORMATION rename = {};
-        rename.NewName = &name;
+        rename.NewName = name;
         After(RegNtPostRenameKey, rename);
     }
     void SetInformation(const void* data, ULONG size) {
@@ -234,18 +243,18 @@ TEST_F(ValueRecordsTest, DataThatCannotBeRead) {
                           UNICODE_STRING name = platform::Describe(u"v");
                           ValueNotifier notifier(key);
                           // Nothing to compare it with: it is a change.
-                          notifier.Set(name, bad, bad, static_cast<ULONG>(size));
+                          notifier.Set({&name, bad}, {&name, bad}, size);
                           // The cache now holds no data, so that this is one, too; what the
                           // process sets afterwards is known again.
-                          notifier.Set(name, data.data(), data.data(), static_cast<ULONG>(size));
+                          notifier.Set(&name, data);
                           // A held entry keeps what it knows when the new data go away.
-                          notifier.Set(name, other.data(), bad, static_cast<ULONG>(size));
-                          notifier.Set(name, data.data(), data.data(), static_cast<ULONG>(size));
+                          notifier.Set({&name, other.data()}, {&name, bad}, size);
+                          notifier.Set(&name, data);
                           // Not to be compared with what is known: no change.
-                          notifier.Set(name, bad, bad, static_cast<ULONG>(size));
-                          notifier.Set(heldName, bad, bad, static_cast<ULONG>(size));
-                          notifier.Delete(name);
-                          notifier.Delete(heldName);
+                          notifier.Set({&name, bad}, {&name, bad}, size);
+                          notifier.Set({&heldName, bad}, {&heldName, bad}, size);
+                          notifier.Delete(&name);
+                          notifier.Delete(&heldName);
                           // The system call itself refuses such data.
                           EXPECT_EQ(NtSetValueKey(key, &name, 0, 3, const_cast<void*>(bad),
                                                   static_cast<ULONG>(size)),
@@ -261,26 +270,83 @@ TEST_F(ValueRecordsTest, DataThatCannotBeRead) {
     }
 }
 
+/// Listens to the traces of operations.
+class OperationTraces {
+public:
+    explicit OperationTraces(UCHAR level) { controller_.Enable(level, TRACE_OPERATION); }
+
+    /// How many of this level have a message with `text`.
+    std::size_t Count(UCHAR level, std::string_view text) const {
+        return static_cast<std::size_t>(
+            std::count_if(events_.begin(), events_.end(), [&](const auto& event) {
+                return event.descriptor.Level == level &&
+                       event.NarrowText(0).find(text) != std::string::npos;
+            }));
+    }
+
+private:
+    std::vector<platform::TraceEvent> events_;
+    platform::TraceController controller_{
+        kTraceProviderId, [this](const platform::TraceEvent& event) { events_.push_back(event); }};
+};
+
+/// What cannot be read is recorded as empty, traced or not; nothing is taken for the default value,
+/// whose name is empty.
 TEST_F(ValueRecordsTest, NamesThatCannotBeRead) {
-    StartReporting(true);
-    UnreadableMemory memory;
+    StartReporting(false);
+    UnreadableMemory characters;
+    UnreadableMemory descriptor;
+    const std::string text(1000, 'n');
+    std::vector<UNICODE_STRING> lost;
     for (const std::size_t size : {2u, 4u, 32u, 34u, 256u, 1000u}) {
-        const std::string text(size, 'n');
-        for (const std::size_t readable : {std::size_t{0}, std::size_t{1}, size / 2, size - 1}) {
-            SCOPED_TRACE(std::to_string(readable) + " of " + std::to_string(size));
-            const UNICODE_STRING bad = NameAt(memory.Place(text, readable), size);
+        for (const std::size_t readable : {std::size_t{0}, std::size_t{1}, size / 2, size - 1})
+            lost.push_back(NameAt(characters.Place(text, readable), size));
+    }
+    std::vector<UNICODE_STRING*> names = {static_cast<PUNICODE_STRING>(descriptor.Place("", 0)),
+                                          static_cast<PUNICODE_STRING>(descriptor.Place("\2\0", 2)),
+                                          nullptr};
+    for (UNICODE_STRING& name : lost)
+        names.push_back(&name);
+    for (UNICODE_STRING* const bad : names) {
+        for (const UCHAR level : {UCHAR{0}, TRACE_LEVEL_VERBOSE}) {
+            SCOPED_TRACE(testing::Message() << bad << " traced at " << int{level});
+            const OperationTraces traces(level);
             EXPECT_EQ(Recorded([&](HANDLE key) {
+                          UNICODE_STRING good = platform::Describe(u"v");
                           ValueNotifier notifier(key);
-                          SetValue(key, u"v", 3, text);  // the process has a cache to look into
+                          // Lost on the way: the default value is not known to have been set.
+                          notifier.Set({&good, "new"}, {bad, "new"}, 3);
+                          SetValue(key, u"", 3, "new");
+                          SetValue(key, u"", 3, text);
+                          notifier.Set(bad, "new");
                           notifier.Delete(bad);
                           notifier.Rename(bad);
-                          // The key still has its name, and the value its entry.
-                          EXPECT_EQ(SetValue(key, u"v", 3, text), STATUS_SUCCESS);
-                          DeleteValue(key, u"v");
+                          // The key still has its name, and the default value its entry.
+                          const FaultPlan queries({.routine = "ZwQueryValueKey", .nth = 1000});
+                          EXPECT_EQ(SetValue(key, u"", 3, text), STATUS_SUCCESS);
+                          EXPECT_EQ(queries.MatchingCalls(), 0u);
                       }),
-                      (Lines{"v type 3: " + text, "deleted ", "renamed ", "deleted v"}));
+                      (Lines{" type 3: new", " type 3: new", " type 3: " + text, " type 3: new",
+                             "deleted ", "renamed "}));
         }
     }
+}
+
+/// Half a character is none, in the record and in the cache.
+TEST_F(ValueRecordsTest, NamesOfHalfCharacters) {
+    StartReporting(false);
+    EXPECT_EQ(Recorded([&](HANDLE key) {
+                  UNICODE_STRING name = platform::Describe(u"value");
+                  name.Length -= 1;
+                  ValueNotifier notifier(key);
+                  notifier.Set(&name, "1");
+                  SetValue(key, u"valu", 3, "1");
+                  notifier.Delete(&name);
+                  SetUnseen(u"valu", "2");
+                  SetValue(key, u"valu", 3, "1");
+                  notifier.Rename(&name);
+              }),
+              (Lines{"valu type 3: 1", "deleted valu", "valu type 3: 1", "renamed valu"}));
 }
 
 }  // namespace
