@@ -69,28 +69,32 @@ void RemoveFromTree(const DriverState& state, const PostOperation& post, const C
     }
 }
 
-bool WriteRenameRecord(const PostOperation& post, const CallerName& newName,
+bool WriteRenameRecord(const PostOperation& post, const UNICODE_STRING& newName,
                        const CapturedPath& path) {
-    const UNICODE_STRING& text = newName.Text();
     const RecordWriter<NameRecord> record(
         RecordType::kKeyRenamed, post.Object, ContextOf(post), operation::kRenameKey,
-        RecordSize(NameRecord::kNameOffset, text.Length, kTerminator), TextOf(path));
+        RecordSize(NameRecord::kNameOffset, newName.Length, kTerminator), TextOf(path));
     if (!record) {
         return false;
     }
-    CopyStringFromCaller(record.At(NameRecord::kNameOffset), &text, text.Length);
+    CopyStringFromCaller(record.At(NameRecord::kNameOffset), &newName, newName.Length);
     return true;
 }
 
 /// Gives the node its new name, in the tree that all key objects on it share, and has the next
-/// record write the new path. A name that could not be read leaves the tree with the old one, which
-/// names the key better than an empty one would. The node itself stays the same, so other threads
-/// that use this key object's node meanwhile keep a good one.
-void RenameInTree(const DriverState& state, const PostOperation& post, const CallerName& newName) {
+/// record write the new path. A name that cannot be read, or for which there is no memory, leaves
+/// the tree with the old one, which names the key better than an empty one would. The node itself
+/// stays the same, so other threads that use this key object's node meanwhile keep a good one.
+void RenameInTree(const DriverState& state, const PostOperation& post,
+                  const UNICODE_STRING& newName) {
     const KeyObjectContext& context = ContextOf(post);
     ZPK_NODE* node = context.Node();
-    if (node == nullptr || newName.Text().Length == 0 ||
-        ZPkDtRename(state.KeyTree, &newName.Text(), &node) != STATUS_SUCCESS) {
+    if (node == nullptr) {
+        return;
+    }
+    const CallerName readable(&newName);
+    if (readable.Text().Length == 0 ||
+        ZPkDtRename(state.KeyTree, &readable.Text(), &node) != STATUS_SUCCESS) {
         return;
     }
     if (KeyEntry* entry = context.Entry(); entry != nullptr) {
@@ -121,11 +125,8 @@ PoolBlock<UNICODE_STRING, kTracedPathTag> QueryTreePath(const DriverState& state
 
 /// The verbose trace of a delete or rename, whose key the object manager can no longer name.
 template <typename... Arguments>
-void TraceGone(const DriverState& state, const PostOperation& post, const CapturedPath& captured,
-               OperationMask mask, const char* message, const Arguments&... arguments) {
-    if (!trace_detail::OperationTraced(mask)) {
-        return;
-    }
+void EmitGone(const DriverState& state, const PostOperation& post, const CapturedPath& captured,
+              const char* message, const Arguments&... arguments) {
     PoolBlock<UNICODE_STRING, kTracedPathTag> treePath;
     const UNICODE_STRING* path = TextOf(captured);
     if (ZPK_NODE* node = ContextOf(post).Node(); node != nullptr) {
@@ -133,8 +134,22 @@ void TraceGone(const DriverState& state, const PostOperation& post, const Captur
         path = treePath.Get();
     }
     if (path != nullptr) {
-        ZPRF_TRACE(TRACE_OPERATION, TRACE_LEVEL_INFORMATION, message, PsGetCurrentProcessId(),
-                   post.Object, path, arguments...);
+        trace_detail::Emit(TRACE_OPERATION, TRACE_LEVEL_INFORMATION, message,
+                           PsGetCurrentProcessId(), post.Object, path, arguments...);
+    }
+}
+
+void TraceDeletion(const DriverState& state, const PostOperation& post, const CapturedPath& path) {
+    if (trace_detail::OperationTraced(operation::kDeleteKey)) [[unlikely]] {
+        EmitGone(state, post, path, "process %p, key %p %Z: DeleteKey, status %x", post.Status);
+    }
+}
+
+void TraceRename(const DriverState& state, const PostOperation& post, const CapturedPath& path) {
+    if (trace_detail::OperationTraced(operation::kRenameKey)) [[unlikely]] {
+        const CallerName newName(RequestOf<REG_RENAME_KEY_INFORMATION>(post).NewName);
+        EmitGone(state, post, path, "process %p, key %p %Z: RenameKey to %Z, status %x",
+                 &newName.Text(), post.Status);
     }
 }
 
@@ -150,8 +165,7 @@ bool NTAPI PreDeleteKey(PVOID notification, DriverState*) {
 bool NTAPI KeyDeleted(PVOID notification, DriverState* state) {
     const auto& post = *static_cast<const PostOperation*>(notification);
     const CapturedPath path = TakeCapturedPath(post);
-    TraceGone(*state, post, path, operation::kDeleteKey,
-              "process %p, key %p %Z: DeleteKey, status %x", post.Status);
+    TraceDeletion(*state, post, path);
     if (post.Status != STATUS_SUCCESS) {
         return false;
     }
@@ -172,13 +186,12 @@ bool NTAPI PreRenameKey(PVOID notification, DriverState*) {
 bool NTAPI KeyRenamed(PVOID notification, DriverState* state) {
     const auto& post = *static_cast<const PostOperation*>(notification);
     const CapturedPath path = TakeCapturedPath(post);
-    // Copied once: the record and the tree get the same.
-    const CallerName newName(RequestOf<REG_RENAME_KEY_INFORMATION>(post).NewName);
-    TraceGone(*state, post, path, operation::kRenameKey,
-              "process %p, key %p %Z: RenameKey to %Z, status %x", &newName.Text(), post.Status);
+    TraceRename(*state, post, path);
     if (post.Status != STATUS_SUCCESS) {
         return false;
     }
+    UNICODE_STRING newName;
+    ReadString(RequestOf<REG_RENAME_KEY_INFORMATION>(post).NewName, newName);
     const bool recorded =
         Records(post, operation::kRenameKey) && WriteRenameRecord(post, newName, path);
     RenameInTree(*state, post, newName);

@@ -1,6 +1,7 @@
 // Which sets and deletions of values are recorded, what the records hold, and what becomes of
 // caller memory that cannot be read.
 #include "driver/record_test.h"
+#include "intercept/key_path.h"
 #include "intercept/tracing.h"
 #include "kernel/unreadable_memory.h"
 
@@ -207,10 +208,10 @@ public:
         deletion.ValueName = name;
         After(RegNtPostDeleteValueKey, deletion);
     }
-    void Rename(PUNICODE_STRING name) {
+    void Rename(PUNICODE_STRING name, NTSTATUS status = STATUS_SUCCESS) {
         REG_RENAME_KEY_INFORMATION rename = {};
         rename.NewName = name;
-        After(RegNtPostRenameKey, rename);
+        After(RegNtPostRenameKey, rename, status);
     }
     void SetInformation(const void* data, ULONG size) {
         REG_SET_INFORMATION_KEY_INFORMATION set = {};
@@ -347,6 +348,26 @@ TEST_F(ValueRecordsTest, NamesOfHalfCharacters) {
                   notifier.Rename(&name);
               }),
               (Lines{"valu type 3: 1", "deleted valu", "valu type 3: 1", "renamed valu"}));
+}
+
+/// A rename's record needs no memory but its own; for want of it the tree keeps the old name.
+TEST_F(ValueRecordsTest, RenameWithoutMemory) {
+    StartReporting(false);
+    UNICODE_STRING name = platform::Describe(u"New");
+    const std::vector<RawRecord> records = RecordTest::Recorded(
+        {RecordType::kKeyRenamed, RecordType::kKeyInformationSet}, [&](HANDLE key) {
+            ValueNotifier notifier(key);
+            notifier.SetInformation("", 0);  // from now on the key has its entry
+            const FaultPlan plan({.routine = "ExAllocatePoolWithTag", .tag = kKeyPathTag});
+            notifier.Rename(&name, STATUS_ACCESS_DENIED);
+            EXPECT_EQ(plan.MatchingCalls(), 0u) << "nothing is done for a failed rename";
+            notifier.Rename(&name);
+            EXPECT_TRUE(plan.Fired());
+            notifier.SetInformation("", 0);
+        });
+    ASSERT_EQ(records.size(), 3u);
+    EXPECT_EQ(Describe(records[1]), "renamed New");
+    EXPECT_EQ(records[2].key, kKey);
 }
 
 }  // namespace
