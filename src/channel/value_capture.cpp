@@ -23,6 +23,16 @@ PreviousValue ReadValue(HANDLE key, UNICODE_STRING name) {
     return value;
 }
 
+void TraceUnnamed(PVOID keyObject, NTSTATUS status) {
+    ZPRF_TRACE(TRACE_OPERATION, TRACE_LEVEL_INFORMATION, "key %p: path unavailable, status %x",
+               keyObject, status);
+    // A key may be without a name, but one that has one should give it.
+    if (status != STATUS_INVALID_PARAMETER) {
+        ZPRF_TRACE(TRACE_OPERATION, TRACE_LEVEL_WARNING, "key %p: path not read, status %x",
+                   keyObject, status);
+    }
+}
+
 }  // namespace
 
 ULONG CapturedSize(const DriverState& state, ULONG size) {
@@ -39,8 +49,7 @@ PreviousValue QueryCurrentValue(PVOID keyObject, PCUNICODE_STRING valueName) {
     PoolBlock<OBJECT_NAME_INFORMATION, kKeyPathTag> name;
     NTSTATUS status = QueryObjectName(keyObject, 0, name);
     if (!NT_SUCCESS(status)) {
-        ZPRF_TRACE(TRACE_OPERATION, TRACE_LEVEL_INFORMATION, "key %p: path unavailable, status %x",
-                   keyObject, status);
+        TraceUnnamed(keyObject, status);
         return {};
     }
     OBJECT_ATTRIBUTES attributes;

@@ -370,6 +370,33 @@ TEST_F(ValueRecordsTest, RenameWithoutMemory) {
     EXPECT_EQ(records[2].key, kKey);
 }
 
+/// A key whose path cannot be had: the set is recorded as a change, and the trace tells why.
+TEST_F(ValueRecordsTest, KeyWithoutPath) {
+    StartReporting(true);
+    constexpr UCHAR kWarning = TRACE_LEVEL_WARNING;
+    constexpr UCHAR kInformation = TRACE_LEVEL_INFORMATION;
+    const struct {
+        UCHAR level;
+        ULONG call;  ///< of ObQueryNameString; the trace of the set itself makes two
+        std::size_t information, warnings;
+    } cases[] = {
+        {kWarning, 1, 0, 0}, {kWarning, 2, 0, 1}, {kInformation, 3, 1, 0}, {kInformation, 4, 1, 1}};
+    for (const auto& c : cases) {
+        SetUnseen(u"v", "old");
+        EXPECT_EQ(Recorded([&](HANDLE key) {
+                      NtFlushKey(key);  // from now on the key has its entry
+                      const OperationTraces traces(c.level);
+                      const FaultPlan plan({.routine = "ObQueryNameString", .nth = c.call});
+                      SetValue(key, u"v", 3, "old");
+                      EXPECT_TRUE(plan.Fired());
+                      EXPECT_EQ(traces.Count(kInformation, "path unavailable"), c.information);
+                      EXPECT_EQ(traces.Count(kWarning, "path not read"), c.warnings);
+                      DeleteValue(key, u"v");
+                  }),
+                  (Lines{"v type 3: old", "deleted v"}));
+    }
+}
+
 }  // namespace
 
 }  // namespace driver_test
