@@ -88,30 +88,35 @@ bool RecordReservation::WriteEntryPathOnce(KeyEntry& entry, ZPK_NODE* node) {
 }
 
 bool RecordReservation::WriteEntryPath(KeyEntry& entry, ZPK_NODE* node, ULONG pathBytes) {
-    EventBuffer* pathBuffer = nullptr;
-    PVOID const path = PlacePath(pathBytes + kTerminator, &pathBuffer);
-    if (path == nullptr) {
-        return false;
-    }
-    if (CopyPath(node, path, pathBytes)) {
-        entry.SetName(path, sequence_);
-        SetName(path);
-    }
-    if (pathBuffer != nullptr) {
-        MemRelease(pathBuffer);
-    }
-    return true;
+    return WritePath(pathBytes, [&](UCHAR* space) {
+        if (!CopyPath(node, space, pathBytes)) {
+            return false;
+        }
+        entry.SetName(space, sequence_);
+        return true;
+    });
 }
 
 bool RecordReservation::WriteCapturedPath(const UNICODE_STRING& path) {
+    return WritePath(path.Length, [&](UCHAR* space) {
+        RtlCopyMemory(space, path.Buffer, path.Length);
+        *reinterpret_cast<WCHAR*>(space + path.Length) = 0;
+        return true;
+    });
+}
+
+/// Has `fill` write a path of so many bytes and its terminator into the record's buffer, and refers
+/// to it unless that fails. False: there is no space for it, and no record any more.
+template <typename Fill>
+bool RecordReservation::WritePath(ULONG bytes, Fill fill) {
     EventBuffer* pathBuffer = nullptr;
-    auto* const space = static_cast<UCHAR*>(PlacePath(path.Length + kTerminator, &pathBuffer));
+    auto* const space = static_cast<UCHAR*>(PlacePath(bytes + kTerminator, &pathBuffer));
     if (space == nullptr) {
         return false;
     }
-    RtlCopyMemory(space, path.Buffer, path.Length);
-    *reinterpret_cast<WCHAR*>(space + path.Length) = 0;
-    SetName(space);
+    if (fill(space)) {
+        SetName(space);
+    }
     if (pathBuffer != nullptr) {
         MemRelease(pathBuffer);
     }

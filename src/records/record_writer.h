@@ -43,6 +43,8 @@ private:
     bool WriteEntryPathOnce(KeyEntry& entry, ZPK_NODE* node);
     bool WriteEntryPath(KeyEntry& entry, ZPK_NODE* node, ULONG pathBytes);
     bool WriteCapturedPath(const UNICODE_STRING& path);
+    template <typename Fill>
+    bool WritePath(ULONG bytes, Fill fill);
     PVOID PlacePath(ULONG bytes, EventBuffer** pathBuffer);
     void SetName(const void* path) const;
     void FillHeader(RecordType type, const KeyObjectContext& context) const;

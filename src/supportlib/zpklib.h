@@ -179,9 +179,9 @@ NTSTATUS NTAPI ZPkDtDelete(ZPK_KEY_TREE* tree, PVOID reserved, ZPK_NODE* node);
 /// Writes the node's full path without a terminator. STATUS_BUFFER_TOO_SMALL sets the maximum
 /// length to the bytes needed. Takes no lock that is held while a context block is in use.
 NTSTATUS NTAPI ZPkDtGetName(ZPK_KEY_TREE* tree, ZPK_NODE* node, PUNICODE_STRING name);
-/// Gives the node, and with it the paths of all nodes below, a new last component. `*node` may
-/// become another node with a reference, the old reference being taken over. A node that has the
-/// new path already is taken for one of a key that is gone and leaves the tree as by ZPkDtDelete.
+/// Gives the node, and with it the paths of all nodes below, a new last component. `*node` stays
+/// the same node, whose other users see the new path. A node that has the new path already is taken
+/// for one of a key that is gone and leaves the tree as by ZPkDtDelete.
 /// Nothing changes on failure: STATUS_OBJECT_NAME_INVALID (no name, or one with a backslash),
 /// STATUS_NAME_TOO_LONG (a path would exceed 65,534 bytes), no memory.
 NTSTATUS NTAPI ZPkDtRename(ZPK_KEY_TREE* tree, PCUNICODE_STRING newName, ZPK_NODE** node);
