@@ -23,7 +23,28 @@ template void Event::Read(KeyReplaced&) const;
 template void Event::Read(KeySecuritySet&) const;
 template void Event::Read(KeySecurityQueried&) const;
 
+ValuesQueried::ValuesQueried(Bytes record, std::uint32_t count) : record_(record), count_(count) {
+    for (std::size_t left = record.size(); within_ < count; ++within_) {
+        const QueriedValue value = Read(within_);
+        const std::size_t taken =
+            value.data.size() + (value.value ? value.value->size() * sizeof(char16_t) : 0);
+        if (taken > left) {
+            return;
+        }
+        left -= taken;
+    }
+}
+
 QueriedValue ValuesQueried::operator[](std::uint32_t index) const {
+    QueriedValue value = Read(index);
+    if (index >= within_) {
+        value.value.reset();
+        value.data = {};
+    }
+    return value;
+}
+
+QueriedValue ValuesQueried::Read(std::uint32_t index) const {
     const auto entry = LoadField<ValuesQueriedEntry>(record_.data() + EntriesEnd(index));
     const std::size_t least = EntriesEnd(count_);
     QueriedValue value;

@@ -74,13 +74,18 @@ class ValuesQueried {
 public:
     ValuesQueried() = default;
     /// `record`: from the record's first byte to the image's end; all entries are inside.
-    ValuesQueried(Bytes record, std::uint32_t count) : record_(record), count_(count) {}
+    ValuesQueried(Bytes record, std::uint32_t count);
     std::uint32_t size() const { return count_; }
     QueriedValue operator[](std::uint32_t index) const;
 
 private:
+    QueriedValue Read(std::uint32_t index) const;
+
     Bytes record_;
     std::uint32_t count_ = 0;
+    /// Entries that share their bytes could make any amount of data of a small record: from here on
+    /// names and data would take more bytes than the record has, and count as absent.
+    std::uint32_t within_ = 0;
 };
 
 struct HiveLoaded {

@@ -124,10 +124,13 @@ inline bool Decode(const RecordReader& reader, ValuesQueried& values) {
     }
     const auto count = reader.Load(offsetof(ValuesQueriedRecord, EntryCount));
     Bytes entries;
+    if (!reader.Data({offsetof(ValuesQueriedRecord, EntryCount), "the entries"},
+                     ValuesQueriedRecord::kEntriesOffset, count * sizeof(ValuesQueriedEntry),
+                     entries)) {
+        return false;
+    }
     values = ValuesQueried(reader.AllBytes(), count);
-    return reader.Data({offsetof(ValuesQueriedRecord, EntryCount), "the entries"},
-                       ValuesQueriedRecord::kEntriesOffset, count * sizeof(ValuesQueriedEntry),
-                       entries);
+    return true;
 }
 
 inline bool DecodeTwoNames(const RecordReader& reader, const char* firstName,

@@ -8,6 +8,11 @@ bool CopyFromCaller(PVOID to, const void* from, SIZE_T size) {
     return PlatformCopyProtected(to, from, size);
 }
 
+bool IsUserMemory(const void* start, SIZE_T size) {
+    const auto first = reinterpret_cast<ULONG_PTR>(start);
+    return size <= MmUserProbeAddress && first <= MmUserProbeAddress - size;
+}
+
 Comparison CompareWithCaller(const void* known, const void* from, SIZE_T size) {
     UCHAR chunk[256];
     const auto* expected = static_cast<const UCHAR*>(known);

@@ -11,6 +11,11 @@ namespace zpregflt {
 /// Copies `size` bytes; false when reading faults, `to` then holds anything. IRQL <= APC_LEVEL.
 bool CopyFromCaller(PVOID to, const void* from, SIZE_T size);
 
+/// Whether all `size` bytes lie where user programs have their memory. A fault on a system address
+/// is not reported but stops the machine: a pointer that a program can change is followed only
+/// there.
+bool IsUserMemory(const void* start, SIZE_T size);
+
 /// Copies `size` bytes and returns their number: 0 when reading faults.
 inline ULONG CopyOrNothing(PVOID to, const void* from, ULONG size) {
     return CopyFromCaller(to, from, size) ? size : 0;

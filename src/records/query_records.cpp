@@ -138,13 +138,28 @@ struct ValuesLayout {
 };
 
 /// Reads an entry and its name's descriptor. False when one cannot be read: it is empty then.
+///
+/// Systems differ in whether they hand over the caller's entries or a copy. The caller's own can be
+/// changed at any moment, also to point into the system's memory: their names are followed only
+/// where programs have theirs.
 bool ReadEntry(const KEY_VALUE_ENTRY* from, KEY_VALUE_ENTRY& value, UNICODE_STRING& name) {
     name = {};
     if (!ReadCaller(from, value)) {
         value = {};
         return false;
     }
-    return ReadString(value.ValueName, name);
+    const bool isCallers = IsUserMemory(from, sizeof(*from));
+    if (isCallers && !IsUserMemory(value.ValueName, sizeof(*value.ValueName))) {
+        return false;
+    }
+    if (!ReadString(value.ValueName, name)) {
+        return false;
+    }
+    if (isCallers && !IsUserMemory(name.Buffer, name.Length)) {
+        name = {};
+        return false;
+    }
+    return true;
 }
 
 /// False when something that the sizes depend on cannot be read.

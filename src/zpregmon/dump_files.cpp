@@ -26,8 +26,9 @@ void DumpFiles::Read(const std::function<bool(const Event&)>& receive) {
 
 bool DumpFiles::ReportDamage() const {
     for (const Damage& damage : damages_) {
-        fmt::print(stderr, "zpregmon: {}: damaged at offset {}: {}\n", damage.path,
-                   damage.error.offset, damage.error.what);
+        fmt::print(stderr, "zpregmon: {}: damaged at offset {}: {}\n",
+                   NameOfFile(damage.path, "standard input"), damage.error.offset,
+                   damage.error.what);
     }
     return damages_.empty();
 }

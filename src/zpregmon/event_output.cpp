@@ -71,7 +71,8 @@ bool EventOutput::IsTerminal() const {
 OutputState EventOutput::Finish() {
     const OutputState state = writer_.Flush();
     if (state == OutputState::kFailed) {
-        fmt::print(stderr, "zpregmon: {}: cannot write: {}\n", options_.path, writer_.Problem());
+        fmt::print(stderr, "zpregmon: {}: cannot write: {}\n",
+                   NameOfFile(options_.path, "standard output"), writer_.Problem());
     }
     return state;
 }

@@ -39,15 +39,25 @@ File OpenToWrite(const std::string& path) {
 }
 
 void CheckWritable(const std::string& path) {
-    Open(path, "ab", stdout, "write");
+    std::error_code error;
+    const bool exists = path != "-" && std::filesystem::exists(PathOf(path), error);
+    if (path == "-" || (exists && !std::filesystem::is_regular_file(PathOf(path), error))) {
+        throw UsageError(fmt::format("{}: cannot write: expected a regular file", path));
+    }
+    Open(path, "ab", nullptr, "write");
 }
 
-void CheckDifferent(const std::string& input, const std::string& output) {
+void CheckDifferent(const std::string& other, const std::string& output) {
     std::error_code error;
-    if (input != "-" && output != "-" && std::filesystem::is_regular_file(PathOf(input), error) &&
-        std::filesystem::equivalent(PathOf(input), PathOf(output), error)) {
-        throw UsageError(fmt::format("{}: cannot write: it is read, too", output));
+    if (other != "-" && output != "-" && std::filesystem::is_regular_file(PathOf(other), error) &&
+        std::filesystem::equivalent(PathOf(other), PathOf(output), error)) {
+        throw UsageError(
+            fmt::format("{}: cannot write: the command line names this file twice", output));
     }
+}
+
+std::string NameOfFile(const std::string& path, const char* standardStream) {
+    return path == "-" ? standardStream : path;
 }
 
 }  // namespace zpregmon

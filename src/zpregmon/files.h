@@ -23,9 +23,13 @@ std::FILE* OpenFile(const std::string& path, const char* mode);
 /// Throw UsageError. A file to write is made anew.
 File OpenToRead(const std::string& path);
 File OpenToWrite(const std::string& path);
-/// Throws UsageError unless the file can be written to, of which nothing is changed.
+/// Throws UsageError unless it is a regular file, which is made if there is none, that can be
+/// written to; nothing in it is changed.
 void CheckWritable(const std::string& path);
-/// Throws UsageError when both name one file: writing it would destroy what is to be read.
-void CheckDifferent(const std::string& input, const std::string& output);
+/// Throws UsageError when both name one file that there is: writing `output` would destroy the
+/// other.
+void CheckDifferent(const std::string& other, const std::string& output);
+/// The path as messages have it.
+std::string NameOfFile(const std::string& path, const char* standardStream);
 
 }  // namespace zpregmon

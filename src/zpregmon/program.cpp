@@ -17,9 +17,18 @@ namespace {
 
 constexpr const char* kVersion = "zpregmon 0.1.0";
 
+std::string ListCommands(CLI::App& app) {
+    std::string list;
+    for (const CLI::App* command : app.get_subcommands({})) {
+        list += (list.empty() ? "; expected one of " : ", ") + command->get_name();
+    }
+    return list;
+}
+
 int Run(std::vector<std::string> arguments) {
     CLI::App app("Shows what programs do with the registry.", "zpregmon");
     app.set_version_flag("--version", kVersion);
+    app.require_subcommand(0, 1);  // what follows one is its own, whatever it is called
     ChosenCommand chosen;
     AddSystemCommands(app, chosen);
     AddDecodeCommand(app, chosen);
@@ -41,7 +50,8 @@ int Run(std::vector<std::string> arguments) {
             fmt::print("{}", text.str());
             return status;
         }
-        fmt::print(stderr, "zpregmon: {}\n", error.what());
+        fmt::print(stderr, "zpregmon: {}{}\n", error.what(),
+                   app.get_subcommands().empty() ? ListCommands(app) : "");
         return kUnusable;
     }
     if (!chosen) {

@@ -67,8 +67,9 @@ void AddRecordingOptions(CLI::App& command, SessionSettings& settings) {
         command, "--operations",
         "Operations to record, by name with commas or as a number; default: the driver's own",
         settings.operations);
-    command.add_option("--capture-max", settings.captureMaxSize,
-                       "Most bytes to capture of one value");
+    command
+        .add_option("--capture-max", settings.captureMaxSize, "Most bytes to capture of one value")
+        ->check(CLI::Range(std::uint32_t{0}, std::uint32_t{0xFFFFFFFF}));
     command.add_flag("--report-original", settings.reportOriginal,
                      "Record the data that a changed value had before");
 }

@@ -28,7 +28,8 @@ int WriteText(const std::string& text, const std::string& path, std::FILE* file)
     if (errno == EPIPE) {
         return kWell;
     }
-    fmt::print(stderr, "zpregmon: {}: cannot write: {}\n", path, std::strerror(errno));
+    fmt::print(stderr, "zpregmon: {}: cannot write: {}\n", NameOfFile(path, "standard output"),
+               std::strerror(errno));
     return kFault;
 }
 

@@ -95,6 +95,35 @@ TEST(PayloadDecoder, DecodesEveryKind) {
     EXPECT_EQ(events[23].As<KeySecurityQueried>()->descriptor.size(), 72U);
 }
 
+/// However many entries point at the same bytes, the values have no more data than the record.
+TEST(PayloadDecoder, ValuesThatShareTheirDataAreNotMultiplied) {
+    constexpr std::uint32_t kCount = 1000;
+    constexpr std::uint32_t kData = 44 + kCount * 16 + 4;
+    RecordBody body;
+    body.U32(kCount);
+    for (std::uint32_t i = 0; i < kCount; ++i) {
+        body.U32(4000).U32(kData).U32(3).U32(kData - 4);
+    }
+    body.Text(std::u16string_view(u"n\0", 2));
+    for (int i = 0; i < 500; ++i) {
+        body.U64(0);
+    }
+    const auto chain = RecordChain(u"x").Add(RecordType::kValuesQueried, body);
+    RecordDecoder decoder(chain.Bytes());
+    Event event;
+    ASSERT_TRUE(decoder.Next(event));
+    const ValuesQueried values = event.As<ValuesQueried>().value();
+    std::size_t taken = 0;
+    for (std::uint32_t i = 0; i < kCount; ++i) {
+        taken += values[i].data.size();
+        EXPECT_EQ(values[i].size, 4000U);
+    }
+    EXPECT_EQ(values[0].data.size(), 4000U);
+    EXPECT_EQ(values[0].value, u"n");
+    EXPECT_LE(taken, event.Record().size());
+    EXPECT_FALSE(values[kCount - 1].value);
+}
+
 struct PayloadDamage {
     const char* name;
     RecordType type;

@@ -312,6 +312,23 @@ TEST_F(QueryRecordsTest, SeveralValuesThatCannotBeRead) {
             EXPECT_FALSE(Notifier(key).After(RegNtPostQueryMultipleValueKey, query));
         });
     }
+    // Entries of a program may point into the system's memory, where a fault stops the machine.
+    struct {
+        KEY_VALUE_ENTRY entry;
+        UNICODE_STRING name;
+    } scene = {{&scene.name, 0, 0, 0}, {}};
+    const auto notify = [&](HANDLE key) {
+        ValuesRequest request({}, "");
+        auto query = request.Information();
+        query.ValueEntries = &scene.entry;
+        query.EntryCount = 1;
+        return Notifier(key).After(RegNtPostQueryMultipleValueKey, query);
+    };
+    const ULONG_PTR end = MmUserProbeAddress;
+    MmUserProbeAddress = reinterpret_cast<ULONG_PTR>(&scene.name);
+    Recorded({}, [&](HANDLE key) { EXPECT_FALSE(notify(key)); });
+    MmUserProbeAddress = end;
+    RecordedOne(RecordType::kValuesQueried, [&](HANDLE key) { EXPECT_TRUE(notify(key)); });
     // One name, and the data: the record goes without.
     ValuesRequest request({u"a", u"lost", u"c"}, "123");
     request.strings[1].Buffer = static_cast<PWSTR>(bad);

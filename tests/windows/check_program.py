@@ -193,7 +193,7 @@ def check_decoding(wine, source):
         expect(wine.zpregmon("decode", dump.name, "-f", name, "-o", "decoded"), 0, "")
         if not expected or (wine.folder / "decoded").read_bytes() != expected:
             sys.exit(f"{name}: decoded otherwise than on Linux")
-    expect(wine.zpregmon("decode", dump.name, "-o", "./" + dump.name), 2, "it is read, too")
+    expect(wine.zpregmon("decode", dump.name, "-o", "./" + dump.name), 2, "names this file twice")
 
 
 def main():

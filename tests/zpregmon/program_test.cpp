@@ -49,7 +49,15 @@ TEST(Program, WrongUseIsOneLineAndStatus2) {
         {"decode", "dump is required"},
         {"decode no/such/file README.md", "no/such/file: cannot open: No such file or directory"},
         {"decode .", ".: cannot read: it is a directory"},
-        {"decode README.md -o ./README.md", "README.md: cannot write: it is read, too"},
+        {"decode README.md -o ./README.md", "README.md: cannot write: the command line names"},
+        {"replay README.md -o ./README.md", "README.md: cannot write: the command line names"},
+        {"replay samples/wineboot.jsonl.gz --dump-file samples/wineboot.jsonl.gz",
+         "wineboot.jsonl.gz: cannot write: the command line names"},
+        {"replay samples/wineboot.jsonl.gz --dump-file -", "-: cannot write: expected a regular"},
+        {"replay samples/wineboot.jsonl.gz --dump-file /dev/full", "expected a regular file"},
+        {"replay samples/wineboot.jsonl.gz --capture-max abc", "--capture-max"},
+        {"decode README.md formats", "formats: cannot open"},
+        {"dekode README.md", "expected one of replay, decode, summary, formats"},
         {"decode README.md -o /no/such/file", "/no/such/file: cannot write"},
         {"summary README.md --top 0", "--top"},
         {"nonsense", "nonsense"},
@@ -180,6 +188,13 @@ TEST(Program, FullDiskIsSaidAndStatus1) {
     EXPECT_NE(finished.output.find("/dev/full: cannot write: No space left on device"),
               std::string::npos)
         << finished.output;
+    const TemporaryFile dump;
+    const Finished cut = RunShell("ulimit -f 8; trap '' XFSZ; '" + ProgramPath() +
+                                  "' replay samples/wineboot.jsonl.gz -o /dev/null --dump-file " +
+                                  dump.Path() + " 2>&1 >/dev/null");
+    EXPECT_EQ(cut.status, 1);
+    EXPECT_NE(cut.output.find("the dump could not be written whole"), std::string::npos)
+        << cut.output;
     for (const char* arguments : {"formats", "--help", "--version"}) {
         const Finished full = RunShell("'" + ProgramPath() + "' " + arguments + " 2>&1 >/dev/full");
         EXPECT_EQ(full.status, 1) << arguments;

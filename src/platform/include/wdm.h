@@ -487,6 +487,8 @@ inline USHORT QueryDepthSList(const SLIST_HEADER* head) {
 
 extern "C" {
 extern NTKERNEL_DATA POBJECT_TYPE* IoFileObjectType;
+/// Where the addresses of user programs end.
+extern NTKERNEL_DATA ULONG_PTR MmUserProbeAddress;
 extern NTKERNEL_DATA POBJECT_TYPE* PsProcessType;
 extern NTKERNEL_DATA POBJECT_TYPE* CmKeyObjectType;
 }

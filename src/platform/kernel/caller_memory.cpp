@@ -27,3 +27,10 @@ void CapturedString::TrimNulls() {
 }
 
 }  // namespace platform
+
+extern "C" {
+
+// As on Windows; a process of the host has no memory beyond, so that everything is user memory.
+ULONG_PTR MmUserProbeAddress = 0x7FFF'FFFF'0000;
+
+}  // extern "C"

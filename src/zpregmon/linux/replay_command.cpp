@@ -1,7 +1,9 @@
 #include "zpregmon/linux/replay_command.h"
 
+#include "client/dump_file.h"
 #include "zpregmon/command.h"
 #include "zpregmon/event_output.h"
+#include "zpregmon/files.h"
 #include "zpregmon/linux/interrupt.h"
 #include "zpregmon/replay/monitored_replay.h"
 #include "zpregmon/replay/platform_device.h"
@@ -77,13 +79,37 @@ MonitoredReplayResult RunReplay(const ReplayArguments& arguments, const Workload
     return RunMonitoredReplay(workload, arguments.options, receive, control);
 }
 
+void CheckFiles(const ReplayArguments& arguments) {
+    const std::string& dump = arguments.options.dumpFile;
+    CheckDifferent(arguments.workload, arguments.output.path);
+    if (!dump.empty()) {
+        CheckWritable(dump);
+        CheckDifferent(arguments.workload, dump);
+        CheckDifferent(arguments.output.path, dump);
+    }
+}
+
+/// The driver has nobody to tell that a write failed. A shutdown leaves one block at least.
+bool DumpIsWhole(const std::string& path) {
+    if (path.empty()) {
+        return true;
+    }
+    const File file = OpenToRead(path);
+    DumpFileReader reader(file.get());
+    for (Event event; reader.Next(event);) {
+    }
+    if (reader.BlocksRead() != 0 && !reader.Error()) {
+        return true;
+    }
+    fmt::print(stderr, "zpregmon: {}: the dump could not be written whole\n", path);
+    return false;
+}
+
 int Replay(const ReplayArguments& arguments) {
     platform::EnableVerifier(arguments.verify);
+    CheckFiles(arguments);  // before anything is done
     const Workload workload = Workload::Read(arguments.workload);
     const WorkloadImages images(workload);
-    if (!arguments.options.dumpFile.empty()) {
-        CheckWritable(arguments.options.dumpFile);  // before anything is done
-    }
     EventOutput output(arguments.output, &images);
     const MonitoredReplayResult result = RunReplay(arguments, workload, output);
     const OutputState state = output.Finish();
@@ -92,7 +118,8 @@ int Replay(const ReplayArguments& arguments) {
     }
     fmt::print(stderr, "{}", DescribeReplay(result, arguments.workload, arguments.options.check));
     const bool isWell = state == OutputState::kOpen && !result.Disagrees() && !result.LostEvents();
-    return isWell ? kWell : kFault;
+    const bool isDumped = DumpIsWhole(arguments.options.dumpFile);
+    return isWell && isDumped ? kWell : kFault;
 }
 
 }  // namespace
