@@ -1,13 +1,16 @@
 // The program itself, run as people run it: its exit status and what it says.
 #include "zpregmon/program.h"
+#include "client/vocabulary.h"
 #include "zpregmon/temporary_file.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -96,21 +99,84 @@ std::vector<std::string> LongOptions(const std::string& command) {
     return options;
 }
 
+/// A key of readline: every completion, instead of the one that Tab finds.
+constexpr const char* kEvery = "\033*";
+
+/// The arguments in angle brackets that the program is given when these keys, Tab among them, are
+/// typed after its name, in a folder with a file `my file.dump` and a folder `sub`. An interactive
+/// bash reads keys from any file; a session of its own keeps it from taking the terminal.
+std::string Typed(const std::string& keys) {
+    const TemporaryFile typed(R"(source "$COMPLETION"; zpregmon() { printf '<%s>' "$@" >&3; })"
+                              "\nzpregmon " +
+                              keys + "\n");
+    return RunShell(
+               "COMPLETION=$PWD/share/bash-completion/completions/zpregmon; export COMPLETION;"
+               "folder=$(mktemp -d) && cd $folder && mkdir sub && touch 'my file.dump' &&"
+               " LC_ALL=C HISTFILE= INPUTRC=/dev/null TERM=dumb timeout 60 setsid -w "
+               "bash --norc --noprofile -i <" +
+               typed.Path() + " 3>&1 >/dev/null 2>&1; rm -r $folder")
+        .output;
+}
+
 TEST(Program, DocumentsAndCompletesEveryOption) {
     std::string manual = ReadFile("docs/zpregmon.1");
     manual.erase(std::remove(manual.begin(), manual.end(), '\\'), manual.end());
-    for (const char* command : {"replay", "decode", "summary", "formats"}) {
-        const Finished completed = RunShell(
-            "bash -c 'source share/bash-completion/completions/zpregmon; COMP_WORDS=(zpregmon " +
-            std::string(command) + " --); COMP_CWORD=2; _zpregmon; echo \"${COMPREPLY[@]} \"'");
+    for (const std::string command : {"replay", "decode", "summary", "formats"}) {
+        const std::string completed = Typed(command + " --" + kEvery);
         const auto options = LongOptions(command);
         EXPECT_FALSE(options.empty());
         for (const std::string& option : options) {
-            EXPECT_NE(completed.output.find(option + " "), std::string::npos) << option;
+            EXPECT_NE(completed.find('<' + option + '>'), std::string::npos) << option;
             EXPECT_NE(manual.find(option), std::string::npos) << option;
         }
         EXPECT_NE(manual.find(command), std::string::npos);
     }
+}
+
+TEST(Program, CompletesWhatIsTyped) {
+    struct Case {
+        std::string keys;
+        const char* expected;
+    };
+    const Case cases[] = {
+        {"de\tsu\t.", "<decode><sub/.>"},
+        {"decode my\t--fo\tjs\t", "<decode><my file.dump><--format><jsonl>"},
+        {"decode \"my f\t", "<decode><my file.dump>"},
+        {"decode my\\ file.dump su\t", "<decode><my file.dump><sub/>"},
+        {"decode -o su\t.", "<decode><-o><sub/.>"},
+        {"decode --output=my\tsu\t", "<decode><--output=my file.dump><sub/>"},
+        {"replay --dump-file my\t", "<replay><--dump-file><my file.dump>"},
+        {"replay --operations su\t", "<replay><--operations><su>"},
+        {"formats su\t", "<formats><su>"},
+        {"decode --format=js\t", "<decode><--format=jsonl>"},
+        {std::string("decode --format ") + kEvery,
+         "<decode><--format><csv><jsonl><ocsf><sysmon><table>"},
+        {"decode --format=jsonl --include v\tx", "<decode><--format=jsonl><--include><value=x>"},
+        {"summary --include op=hive-l\tsu\t", "<summary><--include><op=hive-loaded><sub/>"},
+        {"summary --exclude=op=key-created,hive-l\t",
+         "<summary><--exclude=op=key-created,hive-loaded>"},
+        {"decode --include key=su\t", "<decode><--include><key=su>"},
+        {"decode --include value=\t", "<decode><--include><value=>"},
+        {"decode --include value= su\t", "<decode><--include><value=><sub/>"},
+        {"decode --exclude pid=su\t", "<decode><--exclude><pid=su>"},
+        {"decode --exclude image=su\t", "<decode><--exclude><image=su>"},
+        {"replay --override trusted,e\t", "<replay><--override><trusted,exemptions>"},
+    };
+    for (const Case& test : cases) {
+        EXPECT_EQ(Typed(test.keys), test.expected) << test.keys;
+    }
+}
+
+TEST(Program, CompletesTheKindsOfFilters) {
+    std::set<std::string> kinds;
+    for (std::uint32_t type = 1; type <= zpregflt::kLastRecordType; ++type) {
+        kinds.emplace(RecordName(static_cast<zpregflt::RecordType>(type)));
+    }
+    std::string expected;
+    for (const std::string& kind : kinds) {
+        expected += (expected.empty() ? "<decode><--include><op=" : "<") + kind + '>';
+    }
+    EXPECT_EQ(Typed(std::string("decode --include op=") + kEvery), expected);
 }
 
 TEST(Program, PrintsEventsAndASummary) {
