@@ -152,10 +152,14 @@ void PutStrings(TextSink& out, Bytes data) {
     out.Put(']');
 }
 
+bool IsCut(const CapturedData& data) {
+    return data.captured.size() < data.size;
+}
+
 void PutData(TextSink& out, std::uint32_t type, const CapturedData& data) {
-    const bool isText = data.captured.size() % sizeof(char16_t) == 0;
-    const bool isWhole = data.captured.size() == data.size;
-    if (const auto number = NumberData(type, data.captured); number && isWhole) {
+    const bool isCut = IsCut(data);
+    const bool isText = data.captured.size() % sizeof(char16_t) == 0 || isCut;
+    if (const auto number = NumberData(type, data.captured); number && !isCut) {
         out.Number(*number);
     } else if (isText && (type == kRegSz || type == kRegExpandSz || type == kRegLink)) {
         PutJsonString(out, StringData(data.captured));
@@ -198,9 +202,31 @@ void PutValue(TextSink& out, std::string_view path, const Value& value, std::uin
         out.Put(",\"type_id\":");
         out.Number(TypeId(*value.type));
     }
-    if (value.data) {
+    if (value.data && (value.data->size == 0 || !value.data->captured.empty())) {
         out.Put(",\"data\":");
         PutData(out, dataType, *value.data);
+    }
+    out.Put('}');
+}
+
+/// The sizes of data that is not there as a whole.
+void PutMissing(TextSink& out, const std::optional<CapturedData>& data,
+                const std::optional<CapturedData>& previous) {
+    const bool isCut = data && IsCut(*data);
+    const bool wasCut = previous && IsCut(*previous);
+    if (!isCut && !wasCut) {
+        return;
+    }
+    out.Put(",\"unmapped\":{");
+    if (isCut) {
+        out.Put("\"size\":");
+        out.Number(data->size);
+    }
+    if (wasCut) {
+        out.Put(isCut ? "," : "");
+        out.Put("\"previous\":{\"size\":");
+        out.Number(previous->size);
+        out.Put('}');
     }
     out.Put('}');
 }
@@ -254,7 +280,7 @@ public:
         TextSink out(buffer);
         const auto put = [&](const Value& value) { AppendValue(out, event, value); };
         if (const auto set = event.As<ValueSet>()) {
-            AppendValueSet(out, event, *set);
+            AppendValue(out, event, {set->value, set->type, set->data}, set->previous);
         } else if (const auto deleted = event.As<ValueDeleted>()) {
             put({deleted->value, std::nullopt, std::nullopt});
         } else if (const auto enumerated = event.As<ValueEnumerated>()) {
@@ -278,21 +304,17 @@ public:
     }
 
 private:
-    void AppendValue(TextSink& out, const Event& event, const Value& value) {
+    void AppendValue(TextSink& out, const Event& event, const Value& value,
+                     const std::optional<CapturedData>& previous = {}) {
+        const std::uint32_t dataType = value.type.value_or(kRegBinary);
         PutCommon(out, event);
         out.Put("\"reg_value\":");
-        PutValue(out, Path(event), value, value.type.value_or(kRegBinary));
-        out.Put("}\n");
-    }
-
-    void AppendValueSet(TextSink& out, const Event& event, const ValueSet& set) {
-        PutCommon(out, event);
-        out.Put("\"reg_value\":");
-        PutValue(out, Path(event), {set.value, set.type, set.data}, set.type);
-        if (set.previous) {
+        PutValue(out, Path(event), value, dataType);
+        if (previous) {
             out.Put(",\"prev_reg_value\":");  // whose type is not recorded
-            PutValue(out, Path(event), {set.value, std::nullopt, set.previous}, set.type);
+            PutValue(out, Path(event), {value.name, std::nullopt, previous}, dataType);
         }
+        PutMissing(out, value.data, previous);
         out.Put("}\n");
     }
 

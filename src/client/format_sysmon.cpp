@@ -94,19 +94,32 @@ void PutTarget(TextSink& out, const Event& event, PathTextCache& paths) {
     }
 }
 
-void PutDetails(TextSink& out, const ValueSet& set) {
-    const Bytes data = set.data.captured;
-    const auto number = data.size() == set.data.size ? NumberData(set.type, data) : std::nullopt;
-    if (number && set.type != kRegQword) {
-        out.Format("DWORD (0x{:08x})", *number);
-    } else if (number) {
-        out.Format("QWORD (0x{:08x}-0x{:08x})", *number >> 32, *number & 0xFFFFFFFF);
-    } else if (set.type != kRegSz && set.type != kRegExpandSz) {
-        out.Put("Binary Data");
-    } else if (const WireText text = StringData(data); !text.empty()) {
+void PutTextDetails(TextSink& out, Bytes captured, bool isCut) {
+    if (const WireText text = StringData(captured); !text.empty() || isCut) {
         out.JsonText(text);
+        out.Put(isCut ? "..." : "");
     } else {
         out.Put("(Empty)");
+    }
+}
+
+/// Only what rules read from the data needs it; the rest is told by the type.
+void PutDetails(TextSink& out, const ValueSet& set) {
+    const auto& [size, captured] = set.data;
+    const bool isCut = captured.size() < size;
+    const bool isText = set.type == kRegSz || set.type == kRegExpandSz;
+    const bool isNumber =
+        set.type == kRegDword || set.type == kRegDwordBigEndian || set.type == kRegQword;
+    if (isCut && (isNumber || (isText && captured.empty()))) {
+        out.Format("(not captured, {} bytes)", size);
+    } else if (isText) {
+        PutTextDetails(out, captured, isCut);
+    } else if (const auto number = NumberData(set.type, captured); !number) {
+        out.Put("Binary Data");
+    } else if (set.type == kRegQword) {
+        out.Format("QWORD (0x{:08x}-0x{:08x})", *number >> 32, *number & 0xFFFFFFFF);
+    } else {
+        out.Format("DWORD (0x{:08x})", *number);
     }
 }
 

@@ -14,14 +14,13 @@
 namespace zpregmon {
 namespace {
 
-std::string Print(const NamedFormat& named) {
+std::string Print(const NamedFormat& named, const std::vector<std::byte>& image = EveryKind()) {
     const OneImage images(u"\\Device\\HarddiskVolume1\\Windows\\regedit.exe");
     FormatSettings settings;
     settings.images = &images;
     const auto format = named.make(settings);
     TextBuffer out;
     format->AppendHeading(out);
-    const std::vector<std::byte> image = EveryKind();
     RecordDecoder decoder(image);
     for (Event event; decoder.Next(event);) {
         format->Append(event, out);
@@ -103,6 +102,51 @@ TEST(FormatExamples, AreSoundJson) {
     EXPECT_EQ(Text(parser.parse(sysmon[0]), "/Details"), "DWORD (0x00000002)");
     EXPECT_EQ(Text(parser.parse(sysmon[5]), "/NewName"),
               "HKLM\\SYSTEM\\CurrentControlSet\\Services\\Dhcp2");
+}
+
+/// Data of which a part or all is missing is not told as if it were all.
+TEST(FormatExamples, TellWhatOfTheDataIsMissing) {
+    struct Case {
+        std::uint32_t type;
+        std::uint32_t size;
+        std::u16string_view captured;
+        const char* sysmon;
+        const char* ocsf;
+    };
+    using namespace std::string_view_literals;
+    const Case cases[] = {
+        {1, 28, u"", "(not captured, 28 bytes)", R"("type_id":10},"unmapped":{"size":28}})"},
+        {1, 28, u"Mount Ma", "Mount Ma...", R"("data":"Mount Ma"},"unmapped":{"size":28}})"},
+        {2, 4, u"\0"sv, "...", R"("data":""},"unmapped":{"size":4}})"},
+        {1, 2, u"\0"sv, "(Empty)", R"("data":""}})"},
+        {1, 0, u"", "(Empty)", R"("data":""}})"},
+        {4, 4, u"", "(not captured, 4 bytes)", R"("type_id":2},"unmapped":{"size":4}})"},
+        {4, 4, u"\1", "(not captured, 4 bytes)", R"("data":"0100"},"unmapped":{"size":4}})"},
+        {11, 8, u"\1\0"sv, "(not captured, 8 bytes)",
+         R"("data":"01000000"},"unmapped":{"size":8}})"},
+        {3, 4, u"", "Binary Data", R"("type_id":1},"unmapped":{"size":4}})"},
+    };
+    for (const auto& [type, size, captured, sysmon, ocsf] : cases) {
+        const auto length = static_cast<std::uint32_t>(captured.size() * sizeof(char16_t));
+        const RecordBody set = RecordBody().U32(68 + length).U32(type).U32(size).U32(length);
+        const auto image =
+            RecordChain(kExampleKey)
+                .Add(zpregflt::RecordType::kValueSet,
+                     RecordBody(set).U32(0).U32(0).U32(0).Text(captured).TextAndZero(u"v"))
+                .Bytes();
+        simdjson::dom::parser parser;
+        EXPECT_EQ(Text(parser.parse(Print(*FindFormat("sysmon"), image)), "/Details"), sysmon);
+        const std::string line = Print(*FindFormat("ocsf"), image);
+        EXPECT_TRUE(line.ends_with(std::string(ocsf) + "\n")) << line;
+    }
+    const auto image =
+        RecordChain(kExampleKey)
+            .Add(zpregflt::RecordType::kValueSet,
+                 RecordBody().U32(68).U32(4).U32(4).U32(0).U32(72).U32(6).U32(0).TextAndZero(u"v"))
+            .Bytes();
+    EXPECT_NE(
+        Print(*FindFormat("ocsf"), image).find(R"(,"unmapped":{"size":4,"previous":{"size":6}}})"),
+        std::string::npos);
 }
 
 /// The table on terminals of several widths: never wider, columns in line, roots and ends visible.
