@@ -1,6 +1,7 @@
 #include "client/event_filter.h"
 
 #include "client/event_detail.h"
+#include "client/information_layout.h"
 #include "client/process_text.h"
 #include "client/registry_path.h"
 #include "client/text_encoding.h"
@@ -43,8 +44,22 @@ bool MatchesValue(const std::vector<std::u16string>& patterns, const Event& even
         }
         return false;
     }
+    if (const auto enumerated = event.As<ValueEnumerated>()) {
+        const auto facts = ReadValueInformation(enumerated->informationClass, enumerated->data);
+        return facts && facts->name && MatchesAny(patterns, *facts->name);
+    }
     const auto name = ValueOf(event);
     return name && MatchesAny(patterns, *name);
+}
+
+/// Whether the path begins with a root that is none of the kernel's, but a view of one of its keys.
+bool IsUnderView(std::u16string_view path) {
+    constexpr std::u16string_view kViews[] = {u"hkcu", u"hkey_current_user",
+                                              u"hkcr", u"hkey_classes_root",
+                                              u"hkcc", u"hkey_current_config"};
+    const WireText root(path.substr(0, path.find(u'\\')));
+    return std::any_of(std::begin(kViews), std::end(kViews),
+                       [&](std::u16string_view view) { return MatchesGlob(view, root); });
 }
 
 bool MatchesImage(const std::vector<std::u16string>& patterns, const std::u16string& image) {
@@ -92,7 +107,7 @@ std::string EventFilter::Add(std::string_view rule, Rules& rules) {
     const auto field = static_cast<Field>(found - std::begin(kFieldNames));
     const std::string_view what = rule.substr(equals + 1);
     std::string problem = field == kOperation || field == kProcess ? AddWords(field, what, rules)
-                                                                   : AddPattern(field, what, rules);
+                                                                   : AddPattern(field, rule, rules);
     if (problem.empty()) {
         rules.fields |= 1U << field;
     }
@@ -112,6 +127,9 @@ std::string EventFilter::AddWords(Field field, std::string_view words, Rules& ru
                     "value-set or an operation such as SetValueKey",
                     word);
             }
+            if (*kinds == 0) {
+                return fmt::format("'{}' makes no records, so that no event matches", word);
+            }
             rules.kinds |= *kinds;
             continue;
         }
@@ -125,10 +143,14 @@ std::string EventFilter::AddWords(Field field, std::string_view words, Rules& ru
     return {};
 }
 
-std::string EventFilter::AddPattern(Field field, std::string_view text, Rules& rules) {
-    const std::optional<std::u16string> pattern = FromUtf8(text);
+std::string EventFilter::AddPattern(Field field, std::string_view rule, Rules& rules) {
+    const std::optional<std::u16string> pattern = FromUtf8(rule.substr(rule.find('=') + 1));
     if (!pattern) {
-        return "a pattern is not UTF-8";
+        return fmt::format("'{}' is not UTF-8", rule);
+    }
+    if (field == kKey && IsUnderView(*pattern)) {
+        return fmt::format("'{}' matches no event, expected a path under HKLM, HKU or \\REGISTRY",
+                           rule);
     }
     rules.patterns[field].push_back(field == kKey ? LengthenPath(*pattern) : *pattern);
     return {};

@@ -15,7 +15,7 @@ namespace zpregmon {
 /// Rules of the form FIELD=WHAT:
 ///
 ///     op=value-set,DeleteKey       kinds of records or operations
-///     key=HKLM\Software\*          the key's path, with its root abbreviated or not
+///     key=HKLM\Software\*          the key's path, with its root (HKLM, HKU) abbreviated or not
 ///     value=*Path*                 a value's name; the default value's is empty
 ///     pid=32,40                    process ids
 ///     image=*\svchost.exe          the process's image; without a backslash, its last part
@@ -46,7 +46,7 @@ private:
 
     static std::string Add(std::string_view rule, Rules& rules);
     static std::string AddWords(Field field, std::string_view words, Rules& rules);
-    static std::string AddPattern(Field field, std::string_view text, Rules& rules);
+    static std::string AddPattern(Field field, std::string_view rule, Rules& rules);
     static bool Matches(Field field, const Rules& rules, const Event& event,
                         const ProcessImages* images);
 
