@@ -27,9 +27,12 @@ struct Terminal {
     static constexpr bool kEscapeLoneSurrogates = false;
 };
 
-/// C1 controls, and what turns the direction or ends the line of text on a terminal.
+/// C1 controls, and what turns the direction or ends the line of text on a terminal, with the marks
+/// of no width that stand among those.
 constexpr bool IsControl(char16_t unit) {
-    return unit < 0xA0 || (unit >= 0x2028 && unit <= 0x202E) || (unit >= 0x2066 && unit <= 0x2069);
+    return unit < 0xA0 || unit == 0x061C || (unit >= 0x200B && unit <= 0x200F) ||
+           (unit >= 0x2028 && unit <= 0x202E) || (unit >= 0x2066 && unit <= 0x2069) ||
+           unit == 0xFEFF;
 }
 
 /// Whether the unit is written as it is, in one byte.

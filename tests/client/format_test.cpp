@@ -142,6 +142,7 @@ TEST(Table, ShortensRootsAndNothingElse) {
         {u"", ""},
         // A name must not be able to steer the terminal.
         {u"a\x1B[2Jb\r\x9B\x7F"sv, "a\\u001b[2Jb\\u000d\\u009b\\u007f"},
+        {u"\u061Ca\u200Bb\u200Fc\u2010\uFEFF"sv, "\\u061ca\\u200bb\\u200fc\u2010\\ufeff"},
         {u"\xD800"sv, "\uFFFD"},
     };
     for (const Case& test : cases) {
