@@ -50,7 +50,7 @@ bool PutAsText(TextSink& out, std::uint32_t type, const CapturedData& data) {
 
 /// A field of a list of fields.
 void PutLabel(TextSink& out, bool& isFirst, std::string_view label) {
-    out.Put(isFirst ? " " : ", ");
+    out.Put(isFirst ? "" : ", ");
     out.Put(label);
     out.Put(' ');
     isFirst = false;
@@ -147,69 +147,83 @@ void DataText::PutTime(TextSink& out, std::uint64_t time) {
     out.Put('Z');
 }
 
-void DataText::PutKeyInformation(TextSink& out, std::uint32_t informationClass, Bytes data) {
-    PutClass(out, KeyInformationName(informationClass), informationClass);
-    const std::optional<KeyFacts> facts = ReadKeyInformation(informationClass, data);
-    if (!facts) {
+template <typename Function>
+void DataText::PutWithClass(TextSink& out, std::string_view name, std::uint32_t informationClass,
+                            Function&& putFields) const {
+    if (style_ == DataStyle::kLabelled) {
+        PutClass(out, name, informationClass);
         out.Put(' ');
-        PutData(out, kRegBinary, {static_cast<std::uint32_t>(data.size()), data});
-        return;
-    }
-    bool isFirst = true;
-    if (facts->name) {
-        PutLabel(out, isFirst, "name");
-        PutQuoted(out, *facts->name);
-    }
-    if (facts->className) {
-        PutLabel(out, isFirst, "class");
-        PutQuoted(out, *facts->className);
-    }
-    if (facts->subkeys) {
-        PutLabel(out, isFirst, "subkeys");
-        out.Number(*facts->subkeys);
-    }
-    if (facts->values) {
-        PutLabel(out, isFirst, "values");
-        out.Number(*facts->values);
-    }
-    if (facts->lastWrite) {
-        PutLabel(out, isFirst, "written");
-        PutTime(out, *facts->lastWrite);
+        putFields();
+    } else {
+        putFields();
+        out.Put(", ");
+        PutClass(out, name, informationClass);
     }
 }
 
-void DataText::PutValueInformation(TextSink& out, std::uint32_t informationClass, Bytes data) {
-    PutClass(out, ValueInformationName(informationClass), informationClass);
-    const std::optional<ValueFacts> facts = ReadValueInformation(informationClass, data);
-    out.Put(' ');
-    if (!facts) {
-        PutData(out, kRegBinary, {static_cast<std::uint32_t>(data.size()), data});
-        return;
+void DataText::PutKeyFacts(TextSink& out, const KeyFacts& facts) {
+    bool isFirst = true;
+    if (facts.name) {
+        PutLabel(out, isFirst, "name");
+        PutQuoted(out, *facts.name);
     }
-    if (facts->name) {
-        PutValueName(out, *facts->name);
-        out.Put(style_ == DataStyle::kLabelled ? ", " : " = ");
+    if (facts.className) {
+        PutLabel(out, isFirst, "class");
+        PutQuoted(out, *facts.className);
     }
-    if (facts->data) {
-        PutTyped(out, facts->type, *facts->data);
-    } else {
-        PutTypeName(out, facts->type);
+    if (facts.subkeys) {
+        PutLabel(out, isFirst, "subkeys");
+        out.Number(*facts.subkeys);
     }
+    if (facts.values) {
+        PutLabel(out, isFirst, "values");
+        out.Number(*facts.values);
+    }
+    if (facts.lastWrite) {
+        PutLabel(out, isFirst, "written");
+        PutTime(out, *facts.lastWrite);
+    }
+}
+
+void DataText::PutKeyInformation(TextSink& out, std::uint32_t informationClass, Bytes data) {
+    PutWithClass(out, KeyInformationName(informationClass), informationClass, [&] {
+        if (const auto facts = ReadKeyInformation(informationClass, data)) {
+            PutKeyFacts(out, *facts);
+        } else {
+            PutData(out, kRegBinary, {static_cast<std::uint32_t>(data.size()), data});
+        }
+    });
+}
+
+void DataText::PutValueInformation(TextSink& out, std::uint32_t informationClass, Bytes data,
+                                   std::optional<WireText> value) {
+    PutWithClass(out, ValueInformationName(informationClass), informationClass, [&] {
+        const std::optional<ValueFacts> facts = ReadValueInformation(informationClass, data);
+        if (const auto name = value || !facts ? value : facts->name) {
+            PutValueName(out, *name);
+            out.Put(style_ == DataStyle::kLabelled ? ", " : " = ");
+        }
+        if (!facts) {
+            PutData(out, kRegBinary, {static_cast<std::uint32_t>(data.size()), data});
+        } else if (facts->data) {
+            PutTyped(out, facts->type, *facts->data);
+        } else {
+            PutTypeName(out, facts->type);
+        }
+    });
 }
 
 void DataText::PutSetInformation(TextSink& out, std::uint32_t informationClass, Bytes data) {
     constexpr std::uint32_t kWriteTime = 0;
-    PutClass(out, SetInformationName(informationClass), informationClass);
-    out.Put(' ');
-    if (informationClass == kWriteTime && data.size() == sizeof(std::uint64_t)) {
-        std::uint64_t time;
-        std::memcpy(&time, data.data(), sizeof(time));
-        PutTime(out, time);
-    } else if (data.size() == sizeof(std::uint32_t)) {
-        PutData(out, kRegDword, {sizeof(std::uint32_t), data});
-    } else {
-        PutData(out, kRegBinary, {static_cast<std::uint32_t>(data.size()), data});
-    }
+    PutWithClass(out, SetInformationName(informationClass), informationClass, [&] {
+        if (informationClass == kWriteTime && data.size() == sizeof(std::uint64_t)) {
+            PutTime(out, LoadField<std::uint64_t>(data, 0));
+        } else if (data.size() == sizeof(std::uint32_t)) {
+            PutData(out, kRegDword, {sizeof(std::uint32_t), data});
+        } else {
+            PutData(out, kRegBinary, {static_cast<std::uint32_t>(data.size()), data});
+        }
+    });
 }
 
 }  // namespace zpregmon

@@ -5,10 +5,12 @@
 #include "client/event_time.h"
 
 #include <cstdint>
+#include <optional>
 
 namespace zpregmon {
 
 class TextSink;
+struct KeyFacts;
 
 /// How a type, a size and data become text.
 enum class DataStyle {
@@ -31,12 +33,19 @@ public:
     /// Data alone, read as data of this type where it can be.
     void PutData(TextSink& out, std::uint32_t type, const CapturedData& data) const;
 
-    /// A block by its information class: the class's name, then its fields.
+    /// A block by its information class: its fields, with the class's name behind them in the short
+    /// style and before them in the other. `value`: the name that the value was asked for by.
     void PutKeyInformation(TextSink& out, std::uint32_t informationClass, Bytes data);
-    void PutValueInformation(TextSink& out, std::uint32_t informationClass, Bytes data);
+    void PutValueInformation(TextSink& out, std::uint32_t informationClass, Bytes data,
+                             std::optional<WireText> value = {});
     void PutSetInformation(TextSink& out, std::uint32_t informationClass, Bytes data);
 
 private:
+    /// The class's name in its place, and what `putFields` writes.
+    template <typename Function>
+    void PutWithClass(TextSink& out, std::string_view name, std::uint32_t informationClass,
+                      Function&& putFields) const;
+    void PutKeyFacts(TextSink& out, const KeyFacts& facts);
     void PutTime(TextSink& out, std::uint64_t time);
 
     DataStyle style_;

@@ -22,6 +22,11 @@ struct EventDetail::Visitor {
         }
     }
 
+    void Index(std::uint32_t index) const {
+        out.Put("index ");
+        out.Number(index);
+    }
+
     void operator()(const NoPayload&) const {}
 
     void operator()(const ValueSet& set) const {
@@ -49,15 +54,20 @@ struct EventDetail::Visitor {
     }
 
     void operator()(const ValueEnumerated& enumerated) const {
-        out.Put("index ");
-        out.Number(enumerated.index);
-        out.Put(", ");
+        if (Labels()) {
+            Index(enumerated.index);
+            out.Put(", ");
+        }
         detail.data_.PutValueInformation(out, enumerated.informationClass, enumerated.data);
+        if (!Labels()) {
+            out.Put(", ");
+            Index(enumerated.index);
+        }
     }
 
     void operator()(const ValueQueried& queried) const {
-        Name(queried.value, ": ");
-        detail.data_.PutValueInformation(out, queried.informationClass, queried.data);
+        detail.data_.PutValueInformation(out, queried.informationClass, queried.data,
+                                         Labels() ? std::nullopt : std::optional(queried.value));
     }
 
     void operator()(const ValuesQueried& values) const {

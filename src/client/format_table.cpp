@@ -18,34 +18,44 @@ namespace {
 
 using zpregflt::RecordType;
 
-constexpr std::size_t kPidWidth = 7;
-constexpr std::size_t kKindWidth = 20;
 constexpr std::string_view kGap = "  ";
 constexpr std::string_view kCut = "\u2026";
 
-/// Columns that depend on where the table goes to.
+/// Columns of the table; those of a table that goes to no terminal.
 struct Widths {
+    std::size_t line = 0;  ///< of the terminal; 0: there is none and nothing is cut
     std::size_t time = 16;
     std::size_t process = 24;
-    /// 0: as long as they are.
-    std::size_t key = 0;
-    std::size_t detail = 0;
+    std::size_t pid = 7;
+    std::size_t kind = 20;
+    std::size_t key = 0;      ///< with a detail behind it
+    std::size_t keyOnly = 0;  ///< without
+
+    std::size_t BeforeKey() const { return time + process + pid + kind + 4 * kGap.size(); }
 };
 
-Widths ChooseWidths(std::size_t columns) {
-    if (columns == 0) {
-        return {};
-    }
-    constexpr std::size_t kNarrow = 120;
-    constexpr std::size_t kLeast = 8;
+Widths ChooseWidths(const FormatSettings& settings) {
     Widths widths;
-    widths.time = columns < kNarrow ? 12 : widths.time;  // milliseconds
-    widths.process = std::clamp<std::size_t>(columns / 8, 10, 24);
-    const std::size_t taken =
-        widths.time + widths.process + kPidWidth + kKindWidth + 5 * kGap.size();
-    const std::size_t left = std::max(columns, taken + 2 * kLeast) - taken;
-    widths.key = std::max(left * 3 / 5, kLeast);
-    widths.detail = left - widths.key;
+    widths.line = settings.columns;
+    if (widths.line == 0) {
+        return widths;
+    }
+    constexpr std::size_t kNarrow = 100;
+    constexpr std::size_t kMiddle = 120;
+    constexpr std::size_t kWide = 160;
+    constexpr std::size_t kLeastKey = 8;
+    constexpr std::size_t kMostKey = 60;
+    if (widths.line < kMiddle) {
+        widths.pid = 5;
+        widths.kind = 17;
+    }
+    if (widths.line < kWide) {
+        widths.time = widths.line < kNarrow ? 8 : 12;  // seconds, milliseconds
+    }
+    widths.process = settings.images != nullptr ? std::clamp<std::size_t>(widths.line / 10, 10, 16)
+                                                : std::string_view("PROCESS").size();
+    widths.keyOnly = std::max(widths.line, widths.BeforeKey() + kLeastKey) - widths.BeforeKey();
+    widths.key = std::clamp((widths.keyOnly - kGap.size()) / 2, kLeastKey, kMostKey);
     return widths;
 }
 
@@ -98,9 +108,10 @@ constexpr std::string_view kPlain = "\x1b[0m";
 
 class TableFormat final : public EventFormat {
 public:
+    /// Without colour where the terminal ends before it does.
     explicit TableFormat(const FormatSettings& settings)
-        : widths_(ChooseWidths(settings.columns)),
-          colour_(settings.colour),
+        : widths_(ChooseWidths(settings)),
+          colour_(settings.colour && (widths_.line == 0 || widths_.line > widths_.BeforeKey())),
           processes_(settings.images,
                      [this](std::uint32_t processId, const std::u16string* image) {
                          return ProcessColumns(processId, image);
@@ -109,88 +120,91 @@ public:
 
     void AppendHeading(TextBuffer& buffer) override {
         TextSink out(buffer);
-        out.Format("{:<{}}  {:<{}}  {:>{}}  {:<{}}  {:<{}}  {}\n", "TIME", widths_.time, "PROCESS",
-                   widths_.process, "PID", kPidWidth, "OPERATION", kKindWidth, "KEY", widths_.key,
-                   "DETAIL");
+        const std::size_t start = out.Size();
+        out.Format("{:<{}}  {:<{}}  {:>{}}  {:<{}}  {:<{}}  {}", "TIME", widths_.time, "PROCESS",
+                   widths_.process, "PID", widths_.pid, "OPERATION", widths_.kind, "KEY",
+                   widths_.key, "DETAIL");
+        EndLine(out, start, 0);
     }
 
     void Append(const Event& event, TextBuffer& buffer) override {
         TextSink out(buffer);
+        const std::size_t start = out.Size();
         out.Put(time_.WriteTimeOfDay(event.SystemTime()).substr(0, widths_.time));
         out.Put(kGap);
         out.Put(processes_.Get(event.ProcessId()));
         out.Put(kGap);
-        PutKind(out, event.Type());
-        const std::size_t start = out.Size();
-        PutKey(out, event);
-        if (!event.Has<NoPayload>()) {
-            PutDetail(out, event, start);
+        const std::size_t escapes = PutKind(out, event.Type());
+        out.Put(kGap);
+        if (event.Has<NoPayload>()) {
+            PutKey(out, event, widths_.keyOnly);
+        } else {
+            const std::size_t key = out.Size();
+            PutKey(out, event, widths_.key);
+            if (IsTerminal()) {
+                Fill(out, key, widths_.key);
+            }
+            out.Put(kGap);
+            detail_.Put(out, event);
+        }
+        EndLine(out, start, escapes);
+    }
+
+private:
+    bool IsTerminal() const { return widths_.line != 0; }
+
+    /// `escapes`: characters since `start` that take no column.
+    void EndLine(TextSink& out, std::size_t start, std::size_t escapes) const {
+        if (IsTerminal()) {
+            CutEnd(out, start, widths_.line + escapes);
         }
         out.Put('\n');
     }
 
-private:
+    /// Spaces until what begins at `start` takes this many columns.
+    static void Fill(TextSink& out, std::size_t start, std::size_t columns) {
+        out.Spaces(columns - std::min(columns, TerminalColumns(out.From(start))));
+    }
+
     /// Name and id of the process, each in its column.
     std::string ProcessColumns(std::uint32_t processId, const std::u16string* image) const {
         TextBuffer text;
         {
             TextSink out(text);
             out.TerminalText(image != nullptr ? FileName(*image) : u"-");
-            if (widths_.key != 0) {
+            if (IsTerminal()) {
                 CutEnd(out, 0, widths_.process);
             }
-            const std::size_t taken = TerminalColumns(out.From(0));
-            out.Spaces(widths_.process - std::min(taken, widths_.process));
-            out.Format("  {:>{}}", processId, kPidWidth);
+            Fill(out, 0, widths_.process);
+            out.Format("  {:>{}}", processId, widths_.pid);
         }
         return fmt::to_string(text);
     }
 
-    void PutKind(TextSink& out, RecordType type) const {
+    /// In its column; returns how many characters take none.
+    std::size_t PutKind(TextSink& out, RecordType type) const {
+        const std::string_view before = colour_ ? ColourOf(type) : "";
+        const std::string_view behind = colour_ ? kPlain : "";
         const std::string_view kind = RecordName(type);
-        if (colour_) {
-            out.Put(ColourOf(type));
-        }
-        out.Put(kind);
-        if (colour_) {
-            out.Put(kPlain);
-        }
-        out.Spaces(kKindWidth + kGap.size() - kind.size());
+        const bool isCut = kind.size() > widths_.kind;
+        out.Put(before);
+        out.Put(isCut ? kind.substr(0, widths_.kind - 1) : kind);
+        out.Put(isCut ? kCut : "");
+        out.Put(behind);
+        out.Spaces(widths_.kind - std::min(kind.size(), widths_.kind));
+        return before.size() + behind.size();
     }
 
-    void PutKey(TextSink& out, const Event& event) {
-        if (event.Key()) {
-            out.Put(paths_.Get(*event.Key(),
-                               [this](std::u16string_view path) { return KeyText(path); }));
-        } else {
+    /// On a terminal cut to this many columns.
+    void PutKey(TextSink& out, const Event& event, std::size_t columns) {
+        if (!event.Key()) {
             out.Put('-');
+            return;
         }
-    }
-
-    std::string KeyText(std::u16string_view key) const {
-        TextBuffer text;
-        {
-            TextSink out(text);
-            const ShortPath path = ShortenPath(key);
-            out.Put(path.root);
-            out.TerminalText(path.rest);
-            if (widths_.key != 0) {
-                CutMiddle(out, 0, widths_.key, path.root.size());
-            }
-        }
-        return fmt::to_string(text);
-    }
-
-    /// Behind the key, which starts at `key`.
-    void PutDetail(TextSink& out, const Event& event, std::size_t key) {
-        if (widths_.key != 0) {
-            out.Spaces(widths_.key - std::min(widths_.key, TerminalColumns(out.From(key))));
-        }
-        out.Put(kGap);
         const std::size_t start = out.Size();
-        detail_.Put(out, event);
-        if (widths_.detail != 0) {
-            CutEnd(out, start, widths_.detail);
+        out.Put(paths_.Get(*event.Key(), ShortPathText));
+        if (IsTerminal()) {
+            CutMiddle(out, start, columns, ShortenPath(*event.Key()).root.size());
         }
     }
 

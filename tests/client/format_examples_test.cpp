@@ -3,6 +3,7 @@
 #include "client/format.h"
 #include "client/made_event.h"
 #include "client/record_decoder.h"
+#include "client/terminal_width.h"
 
 #include <gtest/gtest.h>
 #include <simdjson.h>
@@ -149,26 +150,45 @@ TEST(FormatExamples, TellWhatOfTheDataIsMissing) {
         std::string::npos);
 }
 
-/// The table on terminals of several widths: never wider, columns in line, roots and ends visible.
+/// Without what colours text.
+std::string PlainText(std::string text) {
+    for (std::size_t at = 0; (at = text.find('\x1b')) != std::string::npos;) {
+        text.erase(at, text.find('m', at) + 1 - at);
+    }
+    return text;
+}
+
+/// The table on terminals of several widths: never wider, colours end, and where there is room for
+/// them roots and ends of keys are visible, and as much of the details.
 TEST(Table, FitsTheTerminal) {
-    for (const std::size_t columns : {80U, 100U, 132U, 200U}) {
+    const OneImage images(u"\\Device\\HarddiskVolume1\\Windows\\SearchProtocolHost.exe");
+    for (const std::size_t columns : {1U, 20U, 40U, 60U, 74U, 80U, 100U, 119U, 132U, 200U}) {
         FormatSettings settings;
         settings.columns = columns;
+        settings.colour = true;
+        settings.images = &images;
         const auto format = MakeTableFormat(settings);
         TextBuffer out;
+        format->AppendHeading(out);
         const std::vector<std::byte> image = EveryKind();
         RecordDecoder decoder(image);
         for (Event event; decoder.Next(event);) {
             format->Append(event, out);
         }
-        for (const std::string& line : Lines(fmt::to_string(out))) {
-            const auto isStart = [](char c) {
-                return (static_cast<unsigned char>(c) & 0xC0) != 0x80;
-            };
-            EXPECT_LE(static_cast<std::size_t>(std::count_if(line.begin(), line.end(), isStart)),
-                      columns)
-                << line;
-            EXPECT_NE(line.find("Dhcp"), std::string::npos) << line;
+        const auto lines = Lines(fmt::to_string(out));
+        ASSERT_EQ(lines.size(), 25U);
+        for (const std::string& line : lines) {
+            const std::string text = PlainText(line);
+            EXPECT_LE(TerminalColumns(text), columns) << text;
+            EXPECT_TRUE(text == line || line.find("\x1b[0m") != std::string::npos) << line;
+            EXPECT_TRUE(columns < 74 || &line == lines.data() ||
+                        text.find("Dhcp") != std::string::npos)
+                << text;
+        }
+        if (columns >= 80) {
+            EXPECT_NE(lines[7].find("Start = REG_D"), std::string::npos) << lines[7];
+            EXPECT_TRUE(lines[20].ends_with("ControlSet001\\Services\\Dhcp") || columns < 100)
+                << lines[20];
         }
     }
 }

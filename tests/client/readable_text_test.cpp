@@ -72,25 +72,25 @@ TEST(DataText, ReadsInformationByItsClass) {
             [&](TextSink& out) { text.PutKeyInformation(out, informationClass, data.Bytes()); });
     };
     EXPECT_EQ(key(1, RecordBody().U64(0).U32(0).U32(26).U32(2).U32(2).Text(u"nc")),
-              "KeyNodeInformation name \"n\", class \"c\", written 1601-01-01T00:00:00.0000000Z");
-    EXPECT_EQ(key(3, RecordBody().U32(4).Text(u"\\a")), "KeyNameInformation name \"\\a\"");
+              "name \"n\", class \"c\", written 1601-01-01T00:00:00.0000000Z, KeyNodeInformation");
+    EXPECT_EQ(key(3, RecordBody().U32(4).Text(u"\\a")), "name \"\\a\", KeyNameInformation");
     EXPECT_EQ(key(4, RecordBody().U64(0).U32(0).U32(2).U32(0).U32(3).U32(0).U32(0).U32(0)),
-              "KeyCachedInformation subkeys 2, values 3, written 1601-01-01T00:00:00.0000000Z");
-    EXPECT_EQ(key(0, RecordBody().U32(1)), "KeyBasicInformation 01000000") << "too short";
-    EXPECT_EQ(key(0, RecordBody()), "KeyBasicInformation (empty)");
-    EXPECT_EQ(key(3, RecordBody().U32(0xFFFFFFFF).Text(u"\\a")), "KeyNameInformation name \"\\a\"")
+              "subkeys 2, values 3, written 1601-01-01T00:00:00.0000000Z, KeyCachedInformation");
+    EXPECT_EQ(key(0, RecordBody().U32(1)), "01000000, KeyBasicInformation") << "too short";
+    EXPECT_EQ(key(0, RecordBody()), "(empty), KeyBasicInformation");
+    EXPECT_EQ(key(3, RecordBody().U32(0xFFFFFFFF).Text(u"\\a")), "name \"\\a\", KeyNameInformation")
         << "a length beyond the block";
-    EXPECT_EQ(key(77, RecordBody().U16(1)), "class 77 0100");
+    EXPECT_EQ(key(77, RecordBody().U16(1)), "0100, class 77");
     const auto value = [&](std::uint32_t informationClass, const RecordBody& data) {
         return Written(
             [&](TextSink& out) { text.PutValueInformation(out, informationClass, data.Bytes()); });
     };
     EXPECT_EQ(value(0, RecordBody().U32(0).U32(1).U32(2).Text(u"v")),
-              "KeyValueBasicInformation v = REG_SZ");
+              "v = REG_SZ, KeyValueBasicInformation");
     EXPECT_EQ(value(4, RecordBody().U32(4).U32(4).U32(5)),
-              "KeyValuePartialInformationAlign64 REG_DWORD 5");
+              "REG_DWORD 5, KeyValuePartialInformationAlign64");
     EXPECT_EQ(value(1, RecordBody().U32(0).U32(3).U32(0xFFFFFFF0).U32(2).U32(0)),
-              "KeyValueFullInformation (Default) = REG_BINARY (none of 2 bytes)");
+              "(Default) = REG_BINARY (none of 2 bytes), KeyValueFullInformation");
 }
 
 TEST(SecurityText, IsTheDefinitionLanguageOrHex) {
