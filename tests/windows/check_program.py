@@ -89,6 +89,13 @@ def expect_sequence(found):
         sys.exit(f"events are missing or out of order: {found}")
 
 
+def expect_nothing_installed(wine):
+    drivers = wine.folder / "prefix/drive_c/windows/system32/drivers"
+    left = [wine.values(SERVICES + "\\" + name) for name in ("zpregflt", "zpklib")]
+    if any(left) or list(drivers.glob("zp*.sys")):
+        sys.exit(f"something is left of the installation: {left}")
+
+
 def check_without_driver(wine):
     expect(wine.zpregmon("monitor"), 1, "control device: the driver is not loaded")
     expect(wine.zpregmon("start"), 1, "zpklib: it is not installed")
@@ -119,9 +126,7 @@ def check_installation(wine):
         if values.get(name) != value:
             sys.exit(f"{name} is {values.get(name)}, expected {value}")
     expect(wine.zpregmon("uninstall"), 0, "uninstalled")
-    drivers = wine.folder / "prefix/drive_c/windows/system32/drivers"
-    if wine.values(SERVICES + r"\zpregflt") or list(drivers.glob("zp*.sys")):
-        sys.exit("something is left of the installation")
+    expect_nothing_installed(wine)
 
 
 def check_monitor(wine):
@@ -165,7 +170,10 @@ def check_driver(wine):
     expect(wine.zpregmon("stop"), 0, "zpregflt: stopped\nzpklib: stopped\n")
     expect(wine.zpregmon("stop"), 0, "zpregflt: was not running")
     expect(wine.zpregmon("monitor"), 1, "the driver is not loaded")
+    expect(wine.zpregmon("start"), 0, "zpregflt: started")
+    wine.run("sc", "delete", "zpregflt")  # which stays until it is stopped, and a second time fails
     expect(wine.zpregmon("uninstall"), 0, "uninstalled")
+    expect_nothing_installed(wine)
 
 
 def find_linux_program(source):

@@ -109,7 +109,7 @@ bool Service::Stop() {
 }
 
 void Service::Delete() {
-    if (!DeleteService(handle_.get())) {
+    if (!DeleteService(handle_.get()) && GetLastError() != ERROR_SERVICE_MARKED_FOR_DELETE) {
         throw SystemError(Attempt::kDeleteService, name_);
     }
 }

@@ -30,7 +30,8 @@ public:
     /// SERVICE_START or SERVICE_STOP.
     bool Start();
     bool Stop();
-    /// The service goes when nobody has it open any more. Access: DELETE.
+    /// The service goes when nobody has it open any more, also when somebody deleted it before.
+    /// Access: DELETE.
     void Delete();
 
 private:
