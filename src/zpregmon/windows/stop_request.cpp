@@ -2,27 +2,45 @@
 
 #include "zpregmon/windows/system_error.h"
 
-#include <atomic>
+#include <mutex>
 
 namespace zpregmon {
 
 namespace {
 
-std::atomic<HANDLE> stopEvent{nullptr};
+std::mutex stopLock;
+HANDLE stopEvent = nullptr;  ///< of the StopRequest that there is; guarded by stopLock
+/// By the user: the event may have been set for another reason. Guarded by stopLock.
+bool wasInterrupted = false;
+
+void SetStopEvent(HANDLE event) {
+    const std::lock_guard guard(stopLock);
+    stopEvent = event;
+    wasInterrupted = false;
+}
 
 /// Runs on a thread of the system's.
 BOOL WINAPI OnConsoleEvent(DWORD type) {
-    const HANDLE event = stopEvent.load();
-    if (event == nullptr) {
-        return FALSE;
+    const bool isInterruption = type == CTRL_C_EVENT || type == CTRL_BREAK_EVENT;
+    {
+        const std::lock_guard guard(stopLock);
+        if (stopEvent == nullptr || (isInterruption && wasInterrupted)) {
+            return FALSE;
+        }
+        wasInterrupted = wasInterrupted || isInterruption;
+        SetEvent(stopEvent);
     }
-    const bool isSecond = WaitForSingleObject(event, 0) == WAIT_OBJECT_0;
-    SetEvent(event);
-    if (type == CTRL_C_EVENT || type == CTRL_BREAK_EVENT) {
-        return isSecond ? FALSE : TRUE;
+    if (!isInterruption) {
+        Sleep(INFINITE);  // the process is ended when this returns, or by its own end
     }
-    Sleep(INFINITE);  // the process is ended when this returns, or by its own end
     return TRUE;
+}
+
+/// Once and for good: while a handler runs, the system lets nobody remove one, and this one may
+/// sleep.
+bool WatchConsole() {
+    static const bool isWatched = SetConsoleCtrlHandler(OnConsoleEvent, TRUE) != 0;
+    return isWatched;
 }
 
 }  // namespace
@@ -31,15 +49,14 @@ StopRequest::StopRequest() : requested_(CreateEventW(nullptr, TRUE, FALSE, nullp
     if (!requested_) {
         throw SystemError(Attempt::kOther, "make an event");
     }
-    stopEvent.store(requested_.get());
-    if (!SetConsoleCtrlHandler(OnConsoleEvent, TRUE)) {
+    if (!WatchConsole()) {
         throw SystemError(Attempt::kOther, "watch the console");
     }
+    SetStopEvent(requested_.get());
 }
 
 StopRequest::~StopRequest() {
-    SetConsoleCtrlHandler(OnConsoleEvent, FALSE);
-    stopEvent.store(nullptr);
+    SetStopEvent(nullptr);
 }
 
 bool StopRequest::WaitFor(std::chrono::milliseconds time) const {
