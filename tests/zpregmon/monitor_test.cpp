@@ -142,5 +142,29 @@ TEST(SeenProcesses, NamesTheProcessThatAnEventIsOf) {
     EXPECT_EQ(asked, (std::vector<std::uint64_t>{10, 16, 20, 21}));
 }
 
+TEST(SeenProcesses, TellsByItsBeginWhoseAnEventIs) {
+    constexpr std::uint64_t kMillisecond = 10'000;
+    struct Case {
+        const char* what;
+        std::uint64_t began, eventTime, now;  // milliseconds
+        bool expected;
+    };
+    const Case cases[] = {
+        {"long before", 100, 5000, 6000, true},
+        {"at the event", 5000, 5000, 6000, true},
+        {"within the event's tick", 5016, 5000, 6000, true},
+        {"later, with the same id", 5017, 5000, 6000, false},
+        {"later, just now", 6000, 5000, 6000, false},
+        {"later, within the tick that now is in", 6015, 5000, 6000, false},
+        {"before the clock was set back", 9000, 5000, 6000, true},
+    };
+    for (const Case& each : cases) {
+        EXPECT_EQ(MayBeOf(each.began * kMillisecond, each.eventTime * kMillisecond,
+                          each.now * kMillisecond),
+                  each.expected)
+            << each.what;
+    }
+}
+
 }  // namespace
 }  // namespace zpregmon

@@ -2,6 +2,15 @@
 
 namespace zpregmon {
 
+bool MayBeOf(std::uint64_t began, std::uint64_t eventTime, std::uint64_t now) {
+    // An event has the time of the last tick of the system's clock, up to 16 milliseconds ago; the
+    // begin of a process is from a more precise clock on some systems, and so may lie after it.
+    constexpr std::uint64_t kTick = 160'000;
+    // Nothing begins later than now, unless the clock was set back since: then every process that
+    // began before that seems to be later than its events, and times tell nothing.
+    return began <= eventTime + kTick || began > now + kTick;
+}
+
 void SeenProcesses::See(const Event& event) {
     const auto known = processes_.find(event.ProcessId());
     if (known != processes_.end() && known->second.key == event.ProcessKey()) {

@@ -12,6 +12,10 @@
 
 namespace zpregmon {
 
+/// Whether a process with an event's process id may be the one that the event is of: another one
+/// with that id began later. `now`: when the process was looked at. 100-nanosecond intervals.
+bool MayBeOf(std::uint64_t began, std::uint64_t eventTime, std::uint64_t now);
+
 /// Asks the system once for each process, when the first of its events is seen. A process that was
 /// gone by then has no image. For one thread at a time.
 class SeenProcesses final : public ProcessImages {

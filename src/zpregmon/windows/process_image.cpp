@@ -1,13 +1,17 @@
 #include "zpregmon/windows/process_image.h"
 
+#include "zpregmon/session/seen_processes.h"
 #include "zpregmon/windows/handle.h"
 
 namespace zpregmon {
 
 namespace {
 
-/// A process with that id that began later is another one.
-bool BeganBy(HANDLE process, std::uint64_t time) {
+std::uint64_t NumberOf(const FILETIME& time) {
+    return std::uint64_t{time.dwHighDateTime} << 32 | time.dwLowDateTime;
+}
+
+bool MayBeOfEvent(HANDLE process, std::uint64_t eventTime) {
     FILETIME begin{};
     FILETIME end{};
     FILETIME kernel{};
@@ -15,7 +19,9 @@ bool BeganBy(HANDLE process, std::uint64_t time) {
     if (!GetProcessTimes(process, &begin, &end, &kernel, &user)) {
         return false;
     }
-    return (std::uint64_t{begin.dwHighDateTime} << 32 | begin.dwLowDateTime) <= time;
+    FILETIME now{};
+    GetSystemTimeAsFileTime(&now);
+    return MayBeOf(NumberOf(begin), eventTime, NumberOf(now));
 }
 
 }  // namespace
@@ -23,7 +29,7 @@ bool BeganBy(HANDLE process, std::uint64_t time) {
 std::optional<std::u16string> LookUpImage(std::uint32_t processId, std::uint64_t time) {
     constexpr DWORD kLongestPath = 32768;
     const Handle process(OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, processId));
-    if (!process || !BeganBy(process.get(), time)) {
+    if (!process || !MayBeOfEvent(process.get(), time)) {
         return std::nullopt;
     }
     std::wstring path(kLongestPath, L'\0');
