@@ -6,7 +6,7 @@ namespace zpregmon {
 
 bool WantsColour(std::FILE* file) {
     const char* const noColour = std::getenv("NO_COLOR");
-    return IsTerminal(file) && (noColour == nullptr || *noColour == '\0');
+    return ShowsColour(file) && (noColour == nullptr || *noColour == '\0');
 }
 
 }  // namespace zpregmon

@@ -10,9 +10,11 @@ namespace zpregmon {
 void PrepareStandardStreams();
 
 bool IsTerminal(std::FILE* file);
+/// Whether it is a terminal that takes escape sequences for colours; some of Windows do not.
+bool ShowsColour(std::FILE* file);
 /// Columns of the terminal that the file is; 0 when it is none.
 std::size_t TerminalColumnsOf(std::FILE* file);
-/// Colour is for terminals, unless the environment has a NO_COLOR that is not empty.
+/// Colour is for terminals that show it, unless the environment has a NO_COLOR that is not empty.
 bool WantsColour(std::FILE* file);
 
 }  // namespace zpregmon

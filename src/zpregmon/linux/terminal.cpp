@@ -15,6 +15,10 @@ bool IsTerminal(std::FILE* file) {
     return isatty(fileno(file)) != 0;
 }
 
+bool ShowsColour(std::FILE* file) {
+    return IsTerminal(file);
+}
+
 std::size_t TerminalColumnsOf(std::FILE* file) {
     constexpr std::size_t kUsual = 80;
     if (!IsTerminal(file)) {
