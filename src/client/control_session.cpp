@@ -102,6 +102,12 @@ void ControlSession::LendAll() {
 }
 
 void ControlSession::Flush() {
+    {
+        const std::lock_guard guard(lock_);
+        if (lending_ && lent_ + returned_ == 0) {
+            throw ControlError("the driver takes no buffer", statistics_.lastFailure);
+        }
+    }
     Control("cannot flush", zpregflt::IOCTL_ZPRF_FLUSH);
 }
 

@@ -67,9 +67,10 @@ public:
 
     /// Lends the buffers; from now on `handler` gets every delivered one, in the order in which
     /// they came back, and each is lent again at once. Throws ControlError when not one buffer is
-    /// taken.
+    /// taken; where a request is refused only after it was sent, Flush does so instead.
     void Start(const SessionOptions& options, BufferHandler handler);
-    /// Has the driver deliver the current buffer now.
+    /// Has the driver deliver the current buffer now. Throws ControlError also when it has none and
+    /// will not have any.
     void Flush();
     /// Blocks while the driver has fewer than `buffers` buffers: for a source of events that can
     /// wait for its client. Returns false when the driver will not have that many any more.

@@ -30,7 +30,11 @@ public:
             return kRefused;
         }
         --lendsLeft;
-        lent_.push_back(slot);
+        if (refusesLater) {
+            finished_.push_back({slot, kRefused, 0});
+        } else {
+            lent_.push_back(slot);
+        }
         changed_.notify_all();
         return 0;
     }
@@ -76,6 +80,7 @@ public:
     }
 
     std::size_t lendsLeft = ~std::size_t{0};
+    bool refusesLater = false;  ///< the request is taken, and comes back refused
     std::uint32_t unflushed = 0;
     Status controlStatus = 0;
     std::map<std::uint32_t, std::vector<std::byte>> controls;
@@ -147,6 +152,20 @@ TEST(ControlSession, StartFailsWhenTheDriverTakesNoBuffer) {
     } catch (const ControlError& error) {
         EXPECT_EQ(error.Code(), kRefused);
     }
+}
+
+TEST(ControlSession, FlushFailsWhenEveryBufferCameBackRefused) {
+    FakeDevice device;
+    device.refusesLater = true;
+    ControlSession session(device);
+    const auto flushFor = [&](std::chrono::milliseconds time) {
+        session.Start({.buffers = 2, .bufferSize = 64}, Received().Handler());
+        const auto end = std::chrono::steady_clock::now() + time;
+        while (std::chrono::steady_clock::now() < end) {
+            session.Flush();
+        }
+    };
+    EXPECT_THROW(flushFor(std::chrono::seconds(10)), ControlError);
 }
 
 TEST(ControlSession, TakesItsBuffersBackWhenItIsNotFinished) {

@@ -196,11 +196,11 @@ TEST_F(DeliveryTest, ShutdownDumpsPendingThenSealedThenActive) {
     inClient.Release();
 
     std::thread system([&] { machine_->NotifyShutdown(); });
-    const auto isDumping = [] {
+    const auto listsAreTaken = [] {
         const QueuedSpinLockGuard guard(Pool.lock);
-        return Pool.dumping;
+        return !IsListEmpty(&Pool.DumpList);
     };
-    while (!isDumping())
+    while (!listsAreTaken())
         std::this_thread::yield();
     // The dump waits for the writer; there is nothing to reserve in meanwhile.
     EXPECT_FALSE(Space(8));

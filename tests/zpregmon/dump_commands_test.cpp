@@ -7,8 +7,8 @@
 #include <algorithm>
 #include <cstdio>
 #include <filesystem>
-#include <regex>
 #include <sstream>
+#include <string_view>
 #include <vector>
 
 namespace zpregmon {
@@ -49,10 +49,13 @@ protected:
     static std::string Dump() { return dump_->Path(); }
     /// The client's events of which dump files know everything: not the process's image.
     static std::vector<std::string> ClientEvents() {
-        std::vector<std::string> events;
-        const std::regex image(",\"image\":\"[^\"]*\"");
-        for (const std::string& event : *events_) {
-            events.push_back(std::regex_replace(event, image, ""));
+        constexpr std::string_view kImage = ",\"image\":\"";
+        std::vector<std::string> events = *events_;
+        for (std::string& event : events) {
+            if (const std::size_t start = event.find(kImage); start != std::string::npos) {
+                const std::size_t end = event.find('"', start + kImage.size()) + 1;
+                event.erase(start, end - start);
+            }
         }
         return events;
     }
